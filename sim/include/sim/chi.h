@@ -1,0 +1,63 @@
+// Ledger of the simulated CHI metadata objects.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+namespace sim {
+namespace chi {
+
+struct CreateArgs {
+    std::vector<uint32_t> tags;  // copied from the caller's list at the call
+    uint32_t tagCount;
+    bool isPartial;
+    const void* manager;
+    uint32_t clientId;
+    int isMultiTypeContextMeta;
+    int isMultiCameraContextMeta;
+    const void* metaToCameraTypeId;
+};
+
+struct MetaState {
+    uint64_t serial;  // 1 for the first object made since the last reset
+    uint32_t refCount;
+    uint32_t invalidations;
+    bool destroyed;
+    std::string content;  // what Copy, SetAndroidMetadata and Translate move
+    CreateArgs args;
+    std::vector<std::string> dumps;  // names given to DumpDetailsToFile
+};
+
+struct Totals {
+    size_t created;
+    size_t destroyed;
+    size_t alive;
+};
+
+Totals totals();
+// Every object made since the last reset, in creation order.
+std::vector<void*> objects();
+// State of an object made since the last reset; false if unknown.
+bool state(const void* meta, MetaState* out);
+uint32_t refCount(const void* meta);
+uint32_t invalidations(const void* meta);
+bool isDestroyed(const void* meta);
+void setContent(void* meta, const std::string& content);
+std::string content(const void* meta);
+// The address of the extension module's mapping, as Create should receive it.
+const void* extensionMapping();
+// How often ExtensionModule::GetInstance() was asked.
+size_t extensionModuleRequests();
+
+// Fault injection: the n-th Create from now (1-based) returns null.
+void failCreateAt(std::vector<size_t> ordinals);
+
+// Forgets every object (their memory is only given back here, so that a
+// stale handle is never reused by a later Create) and the fault plan.
+void reset();
+
+}  // namespace chi
+}  // namespace sim

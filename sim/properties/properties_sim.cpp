@@ -1,0 +1,106 @@
+// libcutils' property functions, which Debian's host libcutils does not
+// ship, served from libbase's in-process property store.
+#include <cutils/properties.h>
+#include <sim/properties.h>
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <android-base/properties.h>
+
+#include <mutex>
+#include <string>
+
+namespace {
+
+// Seeds the store from the environment once, before the first access.
+void seedFromEnvironment() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        const char* seed = getenv(sim::properties::kEnvironment);
+        if (seed == nullptr) {
+            return;
+        }
+        std::string pairs = seed;
+        size_t start = 0;
+        while (start < pairs.size()) {
+            size_t end = pairs.find(',', start);
+            if (end == std::string::npos) {
+                end = pairs.size();
+            }
+            std::string pair = pairs.substr(start, end - start);
+            size_t equals = pair.find('=');
+            if (equals != std::string::npos) {
+                android::base::SetProperty(pair.substr(0, equals), pair.substr(equals + 1));
+            }
+            start = end + 1;
+        }
+    });
+}
+
+std::string lookup(const char* key) {
+    seedFromEnvironment();
+    return key != nullptr ? android::base::GetProperty(key, "") : std::string();
+}
+
+// strtoimax with the base inferred; the default when empty, partly numeric
+// or out of range.
+template <typename T>
+T toInteger(const char* key, T defaultValue, T min, T max) {
+    std::string value = lookup(key);
+    if (value.empty()) {
+        return defaultValue;
+    }
+    char* end = nullptr;
+    errno = 0;
+    long long parsed = strtoll(value.c_str(), &end, 0);
+    while (end != nullptr && (*end == ' ' || *end == '\t')) {
+        ++end;
+    }
+    if (errno != 0 || end == value.c_str() || *end != '\0' || parsed < min || parsed > max) {
+        return defaultValue;
+    }
+    return static_cast<T>(parsed);
+}
+
+}  // namespace
+
+extern "C" {
+
+int property_get(const char* key, char* value, const char* default_value) {
+    std::string found = lookup(key);
+    if (found.empty() && default_value != nullptr) {
+        found = default_value;
+    }
+    size_t length = found.size() < PROPERTY_VALUE_MAX - 1 ? found.size() : PROPERTY_VALUE_MAX - 1;
+    memcpy(value, found.data(), length);
+    value[length] = '\0';
+    return static_cast<int>(length);
+}
+
+int8_t property_get_bool(const char* key, int8_t default_value) {
+    std::string value = lookup(key);
+    if (value == "1" || value == "true" || value == "y" || value == "yes" || value == "on") {
+        return 1;
+    }
+    if (value == "0" || value == "false" || value == "n" || value == "no" || value == "off") {
+        return 0;
+    }
+    return default_value;
+}
+
+int64_t property_get_int64(const char* key, int64_t default_value) {
+    return toInteger<int64_t>(key, default_value, INT64_MIN, INT64_MAX);
+}
+
+int32_t property_get_int32(const char* key, int32_t default_value) {
+    return toInteger<int32_t>(key, default_value, INT32_MIN, INT32_MAX);
+}
+
+int property_set(const char* key, const char* value) {
+    seedFromEnvironment();
+    return android::base::SetProperty(key, value != nullptr ? value : "") ? 0 : -1;
+}
+
+}  // extern "C"
