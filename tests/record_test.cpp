@@ -1,0 +1,232 @@
+// Record lifetime: the instance counter, the IQ buffer manager registration
+// at the 0/1 boundaries, the lifetime log lines and the trivial operations.
+#include <QcomPostProcInfo.h>
+#include <cutils/properties.h>
+#include <sim/iqbm.h>
+
+#include <memory>
+#include <thread>
+
+#include "support/sim_test.h"
+
+using adapter::QcomPostProcInfo;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using testsupport::hex;
+
+namespace {
+
+class RecordTest : public testsupport::SimTest {
+  protected:
+    void SetUp() override {
+        SimTest::SetUp();
+        sim::iqbm::clearBuffers();
+        ASSERT_EQ(QcomPostProcInfo::mSum, 0u);
+        ASSERT_FALSE(sim::iqbm::counters().registered);
+    }
+};
+
+TEST_F(RecordTest, PropertyAtItsDefaultEnablesTheManager) {
+    EXPECT_EQ(property_get_int32("persist.vendor.camera.enableIQBM", 1), 1);
+    QcomPostProcInfo record;
+    EXPECT_TRUE(record.mEnableIQBM);
+}
+
+TEST_F(RecordTest, RegistersAtFirstRecordAndUnregistersAtLast) {
+    auto first = std::make_unique<QcomPostProcInfo>();
+    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL"));
+    auto second = std::make_unique<QcomPostProcInfo>();
+    EXPECT_EQ(QcomPostProcInfo::mSum, 2u);
+    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL"));
+    first.reset();
+    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL"));
+    EXPECT_TRUE(sim::iqbm::counters().registered);
+    second.reset();
+    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL", "unregister:KYHAL"));
+    EXPECT_EQ(QcomPostProcInfo::mSum, 0u);
+}
+
+TEST_F(RecordTest, RecordsOneAfterAnotherRegisterEachTime) {
+    for (int i = 0; i < 3; ++i) {
+        QcomPostProcInfo record;
+    }
+    EXPECT_THAT(sim::iqbm::events(),
+                ElementsAre("register:KYHAL", "unregister:KYHAL", "register:KYHAL",
+                            "unregister:KYHAL", "register:KYHAL", "unregister:KYHAL"));
+}
+
+TEST_F(RecordTest, RegistrationFollowsTheCountAcrossThreads) {
+    // Records made and dropped on several threads: the manager must see
+    // strictly alternating calls, each at a 0/1 boundary.
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 200; ++i) {
+                QcomPostProcInfo record;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(QcomPostProcInfo::mSum, 0u);
+    const sim::iqbm::Counters counters = sim::iqbm::counters();
+    EXPECT_FALSE(counters.registered);
+    EXPECT_EQ(counters.registers, counters.unregisters);
+    EXPECT_GE(counters.registers, 1u);
+    // A register while registered or an unregister while not is a misuse,
+    // which the fixture's teardown reports.
+}
+
+TEST_F(RecordTest, ConstructAndDestructLogTheCountAfterAndBefore) {
+    sim::kycam::setLogConfig(3, KYA_LOG_GROUP_POSTPROC, 1);
+    auto first = std::make_unique<QcomPostProcInfo>();
+    auto second = std::make_unique<QcomPostProcInfo>();
+    const void* firstAddress = first.get();
+    const void* secondAddress = second.get();
+    first.reset();
+    second.reset();
+    EXPECT_THAT(testsupport::androidMessages(),
+                ElementsAre("Construct QcomPostProcInfo " + hex(firstAddress) + ", after sum 1",
+                            "Construct QcomPostProcInfo " + hex(secondAddress) + ", after sum 2",
+                            "Destruct  QcomPostProcInfo " + hex(firstAddress) + ", before sum 2",
+                            "Destruct  QcomPostProcInfo " + hex(secondAddress) + ", before sum 1"));
+    EXPECT_EQ(testsupport::messages(sim::kycam::Sink::LogSystem), testsupport::androidMessages());
+}
+
+TEST_F(RecordTest, LifetimeLinesCarryTheirPrefixOnBothSinks) {
+    sim::kycam::setLogConfig(3, KYA_LOG_GROUP_POSTPROC, 1);
+    { QcomPostProcInfo record; }
+    const std::vector<sim::kycam::LogLine> lines = sim::kycam::lines();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0].sink, sim::kycam::Sink::Android);
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_DEBUG);
+    EXPECT_EQ(lines[0].tag, "KyCamAdapter");
+    EXPECT_THAT(lines[0].text, ::testing::MatchesRegex("KYA_POSTPROC QcomPostProcInfo\\.cpp:[0-9]+ "
+                                                       "QcomPostProcInfo\\(\\) Construct .*"));
+    EXPECT_EQ(lines[1].sink, sim::kycam::Sink::LogSystem);
+    EXPECT_EQ(lines[1].group, KYA_LOG_GROUP_POSTPROC);
+    EXPECT_EQ(lines[1].level, "D");
+    EXPECT_EQ(lines[1].fileName, "QcomPostProcInfo.cpp");
+    EXPECT_EQ(lines[1].function, "QcomPostProcInfo");
+    EXPECT_THAT(lines[2].text, ::testing::MatchesRegex("KYA_POSTPROC QcomPostProcInfo\\.cpp:[0-9]+ "
+                                                       "~QcomPostProcInfo\\(\\) Destruct  .*"));
+    EXPECT_EQ(lines[3].function, "~QcomPostProcInfo");
+}
+
+TEST_F(RecordTest, LifetimeLinesFollowLevelGroupAndMask) {
+    struct Case {
+        int32_t level;
+        uint32_t group;
+        uint32_t mask;
+        size_t androidLines;
+        size_t systemLines;
+    };
+    const Case cases[] = {
+            {3, KYA_LOG_GROUP_POSTPROC, 1, 2, 2},  // Debug passes below 4
+            {4, KYA_LOG_GROUP_POSTPROC, 1, 0, 2},  // level too high: log system only
+            {3, KYA_LOG_GROUP_POSTPROC, 0, 2, 0},  // no mask: Android only
+            {3, KYA_LOG_GROUP_META, 1, 0, 0},      // group off: nothing
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << "level " << c.level << " group " << c.group << " mask " << c.mask);
+        sim::kycam::clearLines();
+        sim::kycam::setLogConfig(c.level, c.group, c.mask);
+        { QcomPostProcInfo record; }
+        EXPECT_EQ(testsupport::messages(sim::kycam::Sink::Android).size(), c.androidLines);
+        EXPECT_EQ(testsupport::messages(sim::kycam::Sink::LogSystem).size(), c.systemLines);
+    }
+}
+
+TEST_F(RecordTest, NameStartsAsTheClassNameAndCanBeSet) {
+    QcomPostProcInfo record;
+    EXPECT_EQ(record.getName(), "QcomPostProcInfo");
+    record.setName("x");
+    EXPECT_EQ(record.getName(), "x");
+    EXPECT_EQ(record.mName, "x");
+}
+
+TEST_F(RecordTest, MediatorIsNotKept) {
+    class Mediator : public kycam::IMediator {};
+    auto mediator = std::make_shared<Mediator>();
+    QcomPostProcInfo record;
+    sim::kycam::clearLines();
+    record.setMediator(mediator);
+    EXPECT_EQ(mediator.use_count(), 1);
+    EXPECT_THAT(sim::kycam::lines(), IsEmpty());
+}
+
+TEST_F(RecordTest, NewRecordIsInItsInitialState) {
+    QcomPostProcInfo record;
+    EXPECT_FALSE(record.needUpdateToKymeta());
+    EXPECT_FALSE(record.mSupportPrivMeta);
+    EXPECT_FALSE(record.mAndroidMetaTranslated);
+    EXPECT_FALSE(record.mHostFlag0);
+    EXPECT_FALSE(record.mHostFlag1);
+    EXPECT_EQ(record.m_pPrivResult, nullptr);
+    EXPECT_EQ(record.m_pPrivPhyCamIds, nullptr);
+    EXPECT_EQ(record.m_pPrivPhyResults, nullptr);
+    EXPECT_FALSE(record.mSamelogical_PhyResult);
+    EXPECT_FALSE(record.mFreeDebugData);
+    EXPECT_EQ(record.mTuningParam, nullptr);
+    EXPECT_TRUE(record.mPhyCamIdSet.empty());
+    EXPECT_TRUE(record.mPrivPhyResultMap.empty());
+    EXPECT_TRUE(record.mDebugDataSet.empty());
+    const adapter::PostProcInfoMetaAttributes& a = record.mPrivMetaAttributes;
+    EXPECT_EQ(a.logicalIsMultiTypeContextMeta | a.logicalIsMultiCameraContextMeta |
+                      a.physicalIsMultiTypeContextMeta | a.physicalIsMultiCameraContextMeta,
+              0);
+}
+
+TEST_F(RecordTest, InterfaceDefaultsDoNothing) {
+    QcomPostProcInfo record;
+    sim::clearJournal();
+    sim::kycam::clearLines();
+    PostProcInfo& info = record;
+    info.onPipelineStarted();
+    info.onPipelineFinished();
+    EXPECT_THAT(sim::calls(), IsEmpty());
+    EXPECT_THAT(sim::kycam::lines(), IsEmpty());
+}
+
+using RecordDeathTest = RecordTest;
+
+TEST_F(RecordDeathTest, InstanceCounterOverflowAborts) {
+    EXPECT_DEATH(
+            {
+                QcomPostProcInfo::mSum = UINT64_MAX;
+                QcomPostProcInfo record;
+            },
+            "");
+}
+
+TEST_F(RecordDeathTest, InstanceCounterUnderflowAborts) {
+    auto record = std::make_unique<QcomPostProcInfo>();
+    EXPECT_DEATH(
+            {
+                QcomPostProcInfo::mSum = 0;
+                record.reset();
+            },
+            "");
+}
+
+TEST_F(RecordDeathTest, ChiMetaCounterOverflowAndUnderflowAbort) {
+    QcomPostProcInfo record;
+    EXPECT_DEATH(
+            {
+                QcomPostProcInfo::mChiMetaSum = UINT64_MAX;
+                record.createChiMeta(false, false);
+            },
+            "");
+    void* meta = record.createChiMeta(false, false);
+    EXPECT_DEATH(
+            {
+                QcomPostProcInfo::mChiMetaSum = 0;
+                record.destroyChiMeta(meta);
+            },
+            "");
+    record.destroyChiMeta(meta);
+}
+
+}  // namespace
