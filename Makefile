@@ -40,4 +40,7 @@ format-check:
 	clang-format --dry-run --Werror $(SOURCES)
 
 clean:
-	rm -rf $(BUILD_DIR)
+	rm -rf $(BUILD_DIR) build-*
+
+# Further targets (cross builds, sanitizers, fuzzing, benchmarks) live in mk/.
+-include $(wildcard mk/*.mk)
