@@ -211,22 +211,4 @@ TEST_F(RecordDeathTest, InstanceCounterUnderflowAborts) {
             "");
 }
 
-TEST_F(RecordDeathTest, ChiMetaCounterOverflowAndUnderflowAbort) {
-    QcomPostProcInfo record;
-    EXPECT_DEATH(
-            {
-                QcomPostProcInfo::mChiMetaSum = UINT64_MAX;
-                record.createChiMeta(false, false);
-            },
-            "");
-    void* meta = record.createChiMeta(false, false);
-    EXPECT_DEATH(
-            {
-                QcomPostProcInfo::mChiMetaSum = 0;
-                record.destroyChiMeta(meta);
-            },
-            "");
-    record.destroyChiMeta(meta);
-}
-
 }  // namespace

@@ -430,9 +430,7 @@ void* QcomPostProcInfo::createChiMeta(bool isMultiTypeContextMeta, bool isMultiC
                                        isMultiCameraContextMeta ? 1 : 0, metaToCameraTypeId);
     // Counted whether or not the platform made one: a null handle is stored
     // by the callers as "no meta".
-    if (mChiMetaSum.fetch_add(1, std::memory_order_acq_rel) == UINT64_MAX) {
-        abort();
-    }
+    mChiMetaSum.fetch_add(1, std::memory_order_acq_rel);
     KYA_LOGI(META,
              "Create ChiMeta %p ref %u isMultiTypeContextMeta %d isMultiCameraContextMeta %d "
              "ChimetaSum %d",
@@ -453,9 +451,9 @@ void QcomPostProcInfo::destroyChiMeta(void*& chiMetaHandle) {
         KYA_LOGE(META, "chiMetaHandle %p is destroyed, no need to destroy", handle);
         return;
     }
-    if (mChiMetaSum.fetch_sub(1, std::memory_order_acq_rel) == 0) {
-        abort();
-    }
+    // A diagnostic only: objects the HAL made and the record adopted are
+    // destroyed here too, so the count may pass below zero.
+    mChiMetaSum.fetch_sub(1, std::memory_order_acq_rel);
     KYA_LOGI(META, "Destroy ChiMeta %p ref %u ChimetaSum %d", handle,
              asChiMeta(handle)->ReferenceCount(), chiMetaSumForLog());
     asChiMeta(handle)->Destroy(true);
