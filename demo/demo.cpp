@@ -7,9 +7,12 @@
 #include <sim/journal.h>
 #include <sim/kycam.h>
 
+#include <chi/chxmetadata.h>
 #include <stdio.h>
 
 #include <memory>
+#include <set>
+#include <string>
 
 using adapter::QcomPostProcInfo;
 
@@ -28,8 +31,10 @@ bool printLedger() {
     printf("-- ledger --\n");
     printf("records alive (mSum)          %llu\n",
            static_cast<unsigned long long>(QcomPostProcInfo::mSum));
-    printf("CHI metas alive (mChiMetaSum) %llu\n",
-           static_cast<unsigned long long>(QcomPostProcInfo::mChiMetaSum.load()));
+    // Objects the HAL made and the record adopted are destroyed by the record
+    // too, so the diagnostic count may end below zero.
+    printf("mChiMetaSum                   %d\n",
+           static_cast<int>(QcomPostProcInfo::mChiMetaSum.load()));
     printf("CHI metas created/destroyed   %zu/%zu, alive %zu\n", chi.created, chi.destroyed,
            chi.alive);
     printf("camera metadata alloc/free    %zu/%zu, alive %zu\n", meta.allocated, meta.freed,
@@ -45,6 +50,56 @@ bool printLedger() {
                           !iqbm.registered && iqbm.addRefs == iqbm.decRefs && misuses.empty();
     printf("balanced: %s\n", balanced ? "yes" : "NO");
     return balanced;
+}
+
+// Every CHI metadata object of the session with its books.
+void printChiObjects(const char* when) {
+    printf("-- CHI objects %s --\n", when);
+    for (void* meta : sim::chi::objects()) {
+        sim::chi::MetaState state;
+        sim::chi::state(meta, &state);
+        printf("  #%llu %p refs %u invalidated %u %s\n",
+               static_cast<unsigned long long>(state.serial), meta, state.refCount,
+               state.invalidations, state.destroyed ? "destroyed" : "alive");
+    }
+}
+
+// The HAL's side of a request: it holds a reference on every object it is
+// handed to fill, and may fill one of its own instead.
+void halTakes(const camera3_capture_request& request) {
+    static_cast<ChiMetadata*>(request.priv_result)->AddReference(nullptr);
+    for (uint32_t i = 0; i < request.num_priv_physcam_result; ++i) {
+        static_cast<ChiMetadata*>(request.priv_physcam_result[i])->AddReference(nullptr);
+    }
+}
+
+void twoCameraRequest() {
+    heading("two-camera logical request; the result replaces camera 1's object");
+    auto record = std::make_unique<QcomPostProcInfo>();
+    std::set<std::string> cameras = {"0", "1"};
+    adapter::PostProcInfoMetaAttributes attributes = {0, 1, 0, 0};
+    record->createPrivResultMeta(cameras, true, attributes);
+
+    camera3_capture_request request = {};
+    request.frame_number = 42;
+    record->setHalRequestPrivResultMeta(&request);
+    halTakes(request);
+
+    void* halOwn = ChiMetadata::Create(nullptr, 0, false, nullptr, 0, 0, 0, nullptr);
+    const char* ids[] = {"0", "1"};
+    void* filled[] = {record->mPrivPhyResultMap.at(0), halOwn};
+    camera3_capture_result result = {};
+    result.frame_number = 42;
+    result.num_physcam_metadata = 2;
+    result.physcam_ids = ids;
+    result.priv_metadata = request.priv_result;
+    result.priv_physcam_metadata = filled;
+    record->checkAndUpdatePrivResult(&result);
+    printf("parked for destruction: %zu object(s)\n", record->mReplacedPrivResults.size());
+    printChiObjects("after reconciliation");
+
+    record.reset();
+    printChiObjects("after the record is gone");
 }
 
 void recordsComeAndGo() {
@@ -67,6 +122,7 @@ int main() {
     sim::kycam::setLogOutput(false, stdout);
 
     recordsComeAndGo();
+    twoCameraRequest();
 
     heading("end of session");
     return printLedger() ? 0 : 1;
