@@ -9,6 +9,7 @@
 
 #include <chi/chxmetadata.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <memory>
 #include <set>
@@ -102,6 +103,50 @@ void twoCameraRequest() {
     printChiObjects("after the record is gone");
 }
 
+void offlineStep() {
+    heading("offline post-processing: keep debug data, export, import, release");
+    auto capture = std::make_unique<QcomPostProcInfo>();
+    std::set<std::string> cameras = {"0", "1"};
+    adapter::PostProcInfoMetaAttributes attributes = {};
+    capture->createPrivResultMeta(cameras, true, attributes);
+    char aec[64], tuning0[32], tuning1[32];
+    adapter::DebugData aecData = {sizeof(aec), aec};
+    adapter::DebugDataTuningMetaArray tuning = {
+            2, {{sizeof(tuning0), tuning0}, {sizeof(tuning1), tuning1}}};
+    capture->keep3aDebugData(0, &aecData, false);
+    capture->keep3aDebugData(1, &aecData, false);  // same buffer: one reference
+    capture->keepTuningDDArray(1, &tuning, false);
+    printf("IQBM references: aec %d, tuning %d/%d\n", sim::iqbm::refCount(aec),
+           sim::iqbm::refCount(tuning0), sim::iqbm::refCount(tuning1));
+
+    // The post-processing stage's own record makes the tuning parameters.
+    auto offline = std::make_unique<QcomPostProcInfo>();
+    std::shared_ptr<kycam::TuningParamsBase> params = offline->createTuningParams();
+    params->mTransAllMetas = true;
+    capture->getTuningMetaBufs(*params, nullptr, false);
+    printf("exported %zu Android metadata buffer(s), %zu 3A debug buffer(s)\n",
+           params->mTuningMetas.size(), params->mDebug3ABuffers.size());
+
+    // The algorithm hands back a debug buffer of its own, which the
+    // importing record adopts and frees.
+    params->mDebug3ABuffers.clear();
+    params->mDebug3ABuffers[0] = {128, malloc(128)};
+    offline->mSupportPrivMeta = true;
+    offline->mPhyCamIdSet = cameras;
+    offline->createTuningMetaBufs();
+    offline->setTuningMetaBufs(*params);
+    for (auto& entry : params->mTuningMetas) {
+        free_camera_metadata(entry.second);  // the consumer's buffers
+    }
+    params->mTuningMetas.clear();
+
+    offline->releaseChiMetasRef();
+    offline.reset();
+    capture.reset();
+    printf("IQBM references after release: aec %d, tuning %d/%d\n", sim::iqbm::refCount(aec),
+           sim::iqbm::refCount(tuning0), sim::iqbm::refCount(tuning1));
+}
+
 void recordsComeAndGo() {
     heading("records come and go: KYHAL registers at the first, unregisters at the last");
     auto first = std::make_unique<QcomPostProcInfo>();
@@ -123,6 +168,7 @@ int main() {
 
     recordsComeAndGo();
     twoCameraRequest();
+    offlineStep();
 
     heading("end of session");
     return printLedger() ? 0 : 1;
