@@ -147,6 +147,36 @@ void offlineStep() {
            sim::iqbm::refCount(tuning0), sim::iqbm::refCount(tuning1));
 }
 
+void secondConsumerAndReuse() {
+    heading("a second consumer (clone, shallow clone) and a record reused after reset()");
+    auto record = std::make_unique<QcomPostProcInfo>();
+    std::set<std::string> cameras = {"0"};
+    adapter::PostProcInfoMetaAttributes attributes = {};
+    record->createPrivResultMeta(cameras, true, attributes);
+    char aec[64];
+    adapter::DebugData aecData = {sizeof(aec), aec};
+    record->keep3aDebugData(0, &aecData, false);
+
+    std::shared_ptr<PostProcInfo> deep = record->clone(true);
+    printf("deep clone: own CHI objects, IQBM references on aec %d\n", sim::iqbm::refCount(aec));
+    std::shared_ptr<PostProcInfo> shallow = record->shallowClone(false);
+    printf("shallow clone: shared logical result, its references %u\n",
+           sim::chi::refCount(record->m_pPrivResult));
+    // As the host: the shallow clone hands the shared objects back before it
+    // goes, so that only the source destroys them.
+    shallow->releaseTuningMetaBufs(false);
+    shallow.reset();
+    deep.reset();
+
+    record->reset();
+    printf("after reset: IQBM references on aec %d, keeper now the framework's\n",
+           sim::iqbm::refCount(aec));
+    record->keep3aDebugData(0, &aecData, false);
+    printf("kept again: framework references on aec %d\n", sim::kycam::debugDataRefCount(aec));
+    record.reset();
+    printf("record gone: framework references on aec %d\n", sim::kycam::debugDataRefCount(aec));
+}
+
 void recordsComeAndGo() {
     heading("records come and go: KYHAL registers at the first, unregisters at the last");
     auto first = std::make_unique<QcomPostProcInfo>();
@@ -169,6 +199,7 @@ int main() {
     recordsComeAndGo();
     twoCameraRequest();
     offlineStep();
+    secondConsumerAndReuse();
 
     heading("end of session");
     return printLedger() ? 0 : 1;
