@@ -8,6 +8,7 @@
 
 #include <string.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -18,12 +19,20 @@ sim::iqbm::Counters gCounters = {};
 std::vector<std::string> gEvents;
 std::map<const void*, int> gRefs;
 size_t gEntryPointCalls = 0;
+std::atomic<void (*)(bool)> gRegistrationObserver{nullptr};
+
+void observeRegistration(bool registering) {
+    if (void (*observer)(bool) = gRegistrationObserver.load()) {
+        observer(registering);
+    }
+}
 
 }  // namespace
 
 extern "C" {
 
 __attribute__((visibility("default"))) int IBMIntfRegister(const char* clientName) {
+    observeRegistration(true);
     std::lock_guard<std::mutex> lock(gMutex);
     ++gEntryPointCalls;
     ++gCounters.registers;
@@ -37,6 +46,7 @@ __attribute__((visibility("default"))) int IBMIntfRegister(const char* clientNam
 }
 
 __attribute__((visibility("default"))) int IBMIntfUnRegister(const char* clientName) {
+    observeRegistration(false);
     std::lock_guard<std::mutex> lock(gMutex);
     ++gEntryPointCalls;
     ++gCounters.unregisters;
@@ -115,6 +125,10 @@ void clearBuffers() {
     std::lock_guard<std::mutex> lock(gMutex);
     gRefs.clear();
     gEvents.clear();
+}
+
+void setRegistrationObserver(void (*observer)(bool registering)) {
+    gRegistrationObserver.store(observer);
 }
 
 }  // namespace iqbm

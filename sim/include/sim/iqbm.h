@@ -26,6 +26,10 @@ void setRefCount(const void* buffer, int count);
 // Buffer counts and events back to empty; the registration state is kept,
 // since it follows the live records.
 void clearBuffers();
+// Called on the caller's thread at the start of IBMIntfRegister (true) and
+// IBMIntfUnRegister (false), while the caller still holds its own locks; null
+// for none.
+void setRegistrationObserver(void (*observer)(bool registering));
 
 }  // namespace iqbm
 }  // namespace sim
