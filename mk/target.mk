@@ -1,0 +1,53 @@
+# Proof on the target: the suite on AArch64 under qemu, the device build file
+# built through mini-soong, and the library's binary interface against its
+# committed baseline. See docs/target.md.
+
+# The cross compiler and the arm64 builds of what the library links.
+CROSS_PACKAGES := cmake make g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6:arm64 \
+	android-liblog-dev:arm64 android-libcutils-dev:arm64 android-libbase-dev:arm64
+AARCH64_PACKAGES := $(CROSS_PACKAGES) libgtest-dev:arm64 libgmock-dev:arm64 qemu-user
+BP_PACKAGES := make gcc g++ dpkg-dev blueprint-tools mini-soong \
+	android-liblog-dev android-libcutils-dev
+ABI_PACKAGES := $(CROSS_PACKAGES) abigail-tools
+
+ABI_BASELINE := abi/libpostprocinfo.aarch64.abi
+ABI_BUILD := build-abi
+# No paths of the machine in the baseline: locations, the corpus path and the
+# compilation directory would differ in every clone; only what the library
+# exports counts.
+ABIDW := abidw --exported-interfaces-only --no-corpus-path --no-comp-dir-path --no-show-locs
+
+.PHONY: check-aarch64 check-bp abi-check abi-update abi-build
+
+check-aarch64:
+	@./tools/ensure-packages $(AARCH64_PACKAGES)
+	$(CMAKE) --preset aarch64
+	$(CMAKE) --build --preset aarch64 -j$(JOBS)
+	ctest --preset aarch64 -j$(JOBS)
+
+check-bp:
+	@./tools/ensure-packages $(BP_PACKAGES)
+	@diff=$$(bpfmt -d Android.bp) || exit 1; \
+	if [ -n "$$diff" ]; then \
+		printf '%s\n' "$$diff"; echo "Android.bp is not formatted: run bpfmt -w Android.bp"; exit 1; \
+	fi
+	rm -rf build-soong
+	./tools/soong-host-build build-soong
+	tests/check_exports.sh build-soong/libpostprocinfo.so
+
+abi-build:
+	@./tools/ensure-packages $(ABI_PACKAGES)
+	$(CMAKE) --preset aarch64-abi
+	$(CMAKE) --build --preset aarch64-abi -j$(JOBS)
+
+abi-check: abi-build
+	$(ABIDW) $(ABI_BUILD)/lib/libpostprocinfo.so >$(ABI_BUILD)/libpostprocinfo.aarch64.abi
+	@abidiff $(ABI_BASELINE) $(ABI_BUILD)/libpostprocinfo.aarch64.abi || { \
+		echo "the binary interface differs from $(ABI_BASELINE);"; \
+		echo "if the change is meant, run make abi-update and commit the baseline"; exit 1; }
+	@echo "abi: the library's binary interface matches $(ABI_BASELINE)"
+
+abi-update: abi-build
+	$(ABIDW) $(ABI_BUILD)/lib/libpostprocinfo.so >$(ABI_BUILD)/libpostprocinfo.aarch64.abi
+	@mkdir -p $(dir $(ABI_BASELINE))
+	cp $(ABI_BUILD)/libpostprocinfo.aarch64.abi $(ABI_BASELINE)
