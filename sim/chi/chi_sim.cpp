@@ -10,6 +10,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <mutex>
 
@@ -21,7 +22,13 @@ struct Object {
 
 std::mutex gMutex;
 std::map<const void*, sim::chi::MetaState> gStates;
-std::vector<Object*> gObjects;
+// Never destroyed, like the objects it lists until reset(): they stay
+// reachable for LeakSanitizer while the static destructors run at exit.
+std::vector<Object*>& gObjects = *new std::vector<Object*>();
+// Objects forgotten by forgetDestroyed(), highest address first: Create hands
+// out the lowest, so that a run of Creates sees its handles in the same order
+// each time and instruction counts repeat.
+std::vector<Object*>& gForgotten = *new std::vector<Object*>();
 uint64_t gSerial = 0;
 size_t gCreateCalls = 0;
 std::vector<size_t> gFailAt;
@@ -64,7 +71,13 @@ ChiMetadata* ChiMetadata::Create(const uint32_t* tagList, uint32_t tagCount, boo
         sim::record("chi", "Create", nullptr);
         return nullptr;
     }
-    Object* object = new Object();
+    Object* object;
+    if (!gForgotten.empty()) {
+        object = gForgotten.back();
+        gForgotten.pop_back();
+    } else {
+        object = new Object();
+    }
     gObjects.push_back(object);
     sim::chi::MetaState state{};
     state.serial = ++gSerial;
@@ -277,12 +290,32 @@ void failCreateAt(std::vector<size_t> ordinals) {
     gFailAt = std::move(ordinals);
 }
 
+void forgetDestroyed() {
+    std::lock_guard<std::mutex> lock(gMutex);
+    size_t kept = 0;
+    for (Object* object : gObjects) {
+        auto found = gStates.find(object->identity);
+        if (found != gStates.end() && found->second.destroyed) {
+            gStates.erase(found);
+            gForgotten.push_back(object);
+        } else {
+            gObjects[kept++] = object;
+        }
+    }
+    gObjects.resize(kept);
+    std::sort(gForgotten.begin(), gForgotten.end(), std::greater<Object*>());
+}
+
 void reset() {
     std::lock_guard<std::mutex> lock(gMutex);
     for (Object* object : gObjects) {
         delete object;
     }
     gObjects.clear();
+    for (Object* object : gForgotten) {
+        delete object;
+    }
+    gForgotten.clear();
     gStates.clear();
     gSerial = 0;
     gCreateCalls = 0;

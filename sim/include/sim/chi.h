@@ -59,5 +59,11 @@ void failCreateAt(std::vector<size_t> ordinals);
 // stale handle is never reused by a later Create) and the fault plan.
 void reset();
 
+// Forgets destroyed objects, keeping the live ones and the fault plan, so
+// that long benchmark runs stay bounded while records hold objects. Later
+// Creates hand the forgotten handle values out again, lowest first (the same
+// order every time), so call it only when no record still has such a value.
+void forgetDestroyed();
+
 }  // namespace chi
 }  // namespace sim
