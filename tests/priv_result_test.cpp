@@ -231,6 +231,7 @@ class ReconcileTest : public PrivResultTest {
         // and hands it to the record with the result.
         camera3_capture_request halRequest = {};
         record->setHalRequestPrivResultMeta(&halRequest);
+        requestIds = halRequest.priv_physcam_id;
         reinterpret_cast<ChiMetadata*>(halRequest.priv_result)->AddReference(nullptr);
         for (uint32_t i = 0; i < halRequest.num_priv_physcam_result; ++i) {
             reinterpret_cast<ChiMetadata*>(halRequest.priv_physcam_result[i])
@@ -253,6 +254,7 @@ class ReconcileTest : public PrivResultTest {
     void* logical = nullptr;
     void* phy0 = nullptr;
     void* phy2 = nullptr;
+    const char** requestIds = nullptr;
 };
 
 TEST_F(ReconcileTest, WithoutPrivateResultsOnlyTheEntryLineIsWritten) {
@@ -271,6 +273,7 @@ TEST_F(ReconcileTest, WithoutPrivateResultsOnlyTheEntryLineIsWritten) {
 TEST_F(ReconcileTest, SameObjectsChangeNothing) {
     Result result(7, logical, {{"0", phy0}, {"2", phy2}});
     record->checkAndUpdatePrivResult(result.get());
+    result.result.physcam_ids = requestIds;  // the HAL hands back the request's own ids
     record->checkAndUpdatePrivResult(result.get());
     EXPECT_THAT(record->mReplacedPrivResults, IsEmpty());
     EXPECT_EQ(sim::count("AddReference") + sim::count("ReleaseReference"), 0u);
@@ -322,6 +325,8 @@ TEST_F(ReconcileTest, SameCamerasInAnotherOrderIndexTheArrayByResultPosition) {
     void* new2 = hal();
     void* new0 = hal();
     Result result(7, logical, {{"2", new2}, {"0", new0}});
+    result.ids = {requestIds[1], requestIds[0]};  // the request's own texts, reordered
+    result.result.physcam_ids = result.ids.data();
     record->checkAndUpdatePrivResult(result.get());
     EXPECT_EQ(record->m_pPrivPhyResults[0], new2);
     EXPECT_STREQ(record->m_pPrivPhyCamIds[0], "0");

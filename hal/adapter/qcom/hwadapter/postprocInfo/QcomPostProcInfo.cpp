@@ -447,7 +447,8 @@ void QcomPostProcInfo::destroyChiMeta(void*& chiMetaHandle) {
         return;
     }
     // The caller's handle is left as it is, so a stale value may come back.
-    if (mDestroyedChiMetas.count(handle) != 0) {
+    // Recorded before the platform call: nothing else reads the set meanwhile.
+    if (!mDestroyedChiMetas.insert(handle).second) {
         KYA_LOGE(META, "chiMetaHandle %p is destroyed, no need to destroy", handle);
         return;
     }
@@ -457,7 +458,6 @@ void QcomPostProcInfo::destroyChiMeta(void*& chiMetaHandle) {
     KYA_LOGI(META, "Destroy ChiMeta %p ref %u ChimetaSum %d", handle,
              asChiMeta(handle)->ReferenceCount(), chiMetaSumForLog());
     asChiMeta(handle)->Destroy(true);
-    mDestroyedChiMetas.insert(handle);
 }
 
 void QcomPostProcInfo::dumpChiMeta(void*& chiMetaHandle) {
@@ -843,7 +843,16 @@ void QcomPostProcInfo::checkAndUpdatePrivResult(const camera3_capture_result* re
                      result->num_physcam_metadata);
             return false;
         }
-        for (uint32_t i = 0; i < result->num_physcam_metadata; ++i) {
+        // The HAL usually hands back the request's own id texts, in set
+        // order: those are in the set without a lookup.
+        uint32_t i = 0;
+        for (const std::string& id : mPhyCamIdSet) {
+            if (result->physcam_ids[i] != id.c_str()) {
+                break;
+            }
+            ++i;
+        }
+        for (; i < result->num_physcam_metadata; ++i) {
             if (mPhyCamIdSet.count(result->physcam_ids[i]) == 0) {
                 KYA_LOGW(META,
                          "PostProcsInfo %p vndFrame:%u original physcam not keep camera %s, need "
