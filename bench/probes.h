@@ -1,0 +1,23 @@
+// Counting hooks for the performance suite and its tests: heap allocations
+// (the malloc family, which operator new also goes through) and printf-style
+// formats (the snprintf family, which liblog and the log system also go
+// through). Linking probes.cpp into an executable interposes these functions
+// for the whole process; the counts are per thread.
+#pragma once
+
+namespace probe {
+
+struct Counts {
+    long allocations;  // malloc, calloc, realloc, aligned allocations
+    long frees;        // free and realloc of a non-null pointer
+    long formats;      // snprintf, vsnprintf, asprintf, vasprintf and their _chk forms
+};
+
+// This thread's counts since it started.
+Counts counts();
+
+inline Counts operator-(const Counts& a, const Counts& b) {
+    return {a.allocations - b.allocations, a.frees - b.frees, a.formats - b.formats};
+}
+
+}  // namespace probe
