@@ -205,15 +205,19 @@ void uncountRecord(bool last) {
 
 // The private results of a request: the logical one, then one per camera in
 // set order, with the arrays and the map.
+// A record that already has its camera set (tuning buffers made again)
+// keeps it.
 template <bool kModel>
-void createResults(Request& rq, FloorRecord* r, Held& h) {
+void createResults(Request& rq, FloorRecord* r, Held& h, bool setIds = true) {
     const adapter::PostProcInfoMetaAttributes& a = rq.attributes;
     h.logical = createMeta<kModel>(a.logicalIsMultiTypeContextMeta != 0,
                                    a.logicalIsMultiCameraContextMeta != 0);
     const size_t n = rq.ids.size();
     if constexpr (kModel) {
         r->logical = h.logical;
-        r->ids = rq.ids;
+        if (setIds) {
+            r->ids = rq.ids;
+        }
         r->resultArray = new void*[n];
         r->idArray = new const char*[n];
     }
@@ -552,26 +556,7 @@ void floorOffline(Request& rq, Mark&& mark) {
     }
     mark("createTuningMetaBufs");
     {
-        const adapter::PostProcInfoMetaAttributes& a = rq.attributes;
-        h.logical = createMeta<kModel>(a.logicalIsMultiTypeContextMeta != 0,
-                                       a.logicalIsMultiCameraContextMeta != 0);
-        const size_t n = rq.ids.size();
-        if constexpr (kModel) {
-            r->logical = h.logical;
-            r->resultArray = new void*[n];
-            r->idArray = new const char*[n];
-        }
-        int i = 0;
-        for (const std::string& id : kModel ? r->ids : rq.ids) {
-            h.phy[i] = createMeta<kModel>(a.physicalIsMultiTypeContextMeta != 0,
-                                          a.physicalIsMultiCameraContextMeta != 0);
-            if constexpr (kModel) {
-                r->resultArray[i] = h.phy[i];
-                r->idArray[i] = id.c_str();
-                r->phyResults.emplace(atoi(id.c_str()), h.phy[i]);
-            }
-            ++i;
-        }
+        createResults<kModel>(rq, r, h, false);
         static_cast<ChiMetadata*>(h.logical)->AddReference(nullptr);
         for (int k : rq.keyOrder) {
             static_cast<ChiMetadata*>(h.phy[k])->AddReference(nullptr);
