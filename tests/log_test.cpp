@@ -137,13 +137,4 @@ TEST_F(LogTest, LocalFunctionObjectsReportOperatorCall) {
     EXPECT_EQ(lines[1].function, "operator()");
 }
 
-TEST_F(LogTest, DisabledLineEvaluatesNothing) {
-    sim::kycam::setLogConfig(7, 0, 0);
-    for (Level level : {D, I, W, E, DV}) {
-        logAt(level, KYA_LOG_GROUP_META);
-    }
-    EXPECT_EQ(gEvaluations, 0);
-    EXPECT_THAT(sim::kycam::lines(), IsEmpty());
-}
-
 }  // namespace

@@ -79,26 +79,6 @@ TEST_F(PrivResultTest, IdsEqualAfterAtoiShareOneKeyAndTheLaterWins) {
     record->destroyChiMeta(shadowed);
 }
 
-TEST_F(PrivResultTest, OnlyAMissingFirstPhysicalResultIsReported) {
-    const struct {
-        size_t failingCreate;  // 1 is the logical result
-        bool reported;
-    } cases[] = {{2, true}, {3, false}, {1, false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.failingCreate);
-        adapter::QcomPostProcInfo other;
-        sim::kycam::setLogConfig(5, 0xFFFFFFFF, 0);  // no Info: Create lines ask null handles
-        sim::kycam::clearLines();
-        sim::chi::failCreateAt({c.failingCreate});
-        std::set<std::string> ids = {"0", "1"};
-        adapter::PostProcInfoMetaAttributes attrs = {};
-        other.createPrivResultMeta(ids, true, attrs);
-        EXPECT_EQ(testsupport::androidMessages() ==
-                          std::vector<std::string>{"Create priv_physcam_result failed"},
-                  c.reported);
-    }
-}
-
 TEST_F(PrivResultTest, SupportSamePhysical) {
     auto a = testsupport::attributes(0, 1, 1, 0);
     request({"0", "1"}, true, a);

@@ -90,31 +90,6 @@ TEST_F(RecordTest, LifetimeLinesCarryTheirPrefixOnBothSinks) {
     EXPECT_EQ(lines[3].function, "~QcomPostProcInfo");
 }
 
-TEST_F(RecordTest, LifetimeLinesFollowLevelGroupAndMask) {
-    struct Case {
-        int32_t level;
-        uint32_t group;
-        uint32_t mask;
-        size_t androidLines;
-        size_t systemLines;
-    };
-    const Case cases[] = {
-            {3, KYA_LOG_GROUP_POSTPROC, 1, 2, 2},  // Debug passes below 4
-            {4, KYA_LOG_GROUP_POSTPROC, 1, 0, 2},  // level too high: log system only
-            {3, KYA_LOG_GROUP_POSTPROC, 0, 2, 0},  // no mask: Android only
-            {3, KYA_LOG_GROUP_META, 1, 0, 0},      // group off: nothing
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message()
-                     << "level " << c.level << " group " << c.group << " mask " << c.mask);
-        sim::kycam::clearLines();
-        sim::kycam::setLogConfig(c.level, c.group, c.mask);
-        { QcomPostProcInfo record; }
-        EXPECT_EQ(testsupport::messages(sim::kycam::Sink::Android).size(), c.androidLines);
-        EXPECT_EQ(testsupport::messages(sim::kycam::Sink::LogSystem).size(), c.systemLines);
-    }
-}
-
 TEST_F(RecordTest, NameStartsAsTheClassNameAndCanBeSet) {
     QcomPostProcInfo record;
     EXPECT_EQ(record.getName(), "QcomPostProcInfo");
