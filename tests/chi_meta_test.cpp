@@ -223,6 +223,27 @@ TEST_F(ChiRefTest, ResetKeepsReplacedMetasWhileOneIsInUse) {
     reinterpret_cast<ChiMetadata*>(busy)->ReleaseReference(nullptr);
 }
 
+TEST_F(ChiRefTest, ResetTestReadsTheCountAgainForEachSinkThatWrites) {
+    // Sinks writing the reset test's Info ("be reset!") and Warning ("still
+    // in use") lines under a log level and debug mask.
+    const struct {
+        int32_t level;
+        uint32_t mask;
+        size_t infoSinks;
+        size_t warningSinks;
+    } cases[] = {{0, 1, 2, 2}, {0, 0, 1, 1}, {5, 1, 1, 2}, {5, 0, 0, 1}, {7, 0, 0, 0}};
+    reinterpret_cast<ChiMetadata*>(phy(1))->AddReference(nullptr);  // in use
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "level " << c.level << " mask " << c.mask);
+        sim::kycam::setLogConfig(c.level, 0xFFFFFFFF, c.mask);
+        sim::clearJournal();
+        record->resetChiMetas();
+        EXPECT_EQ(sim::count("ReferenceCount", logical), 1 + c.infoSinks);
+        EXPECT_EQ(sim::count("ReferenceCount", phy(1)), 1 + c.warningSinks);
+    }
+    reinterpret_cast<ChiMetadata*>(phy(1))->ReleaseReference(nullptr);
+}
+
 TEST_F(ChiRefTest, ResetDestroysReplacedMetasWhenAllAreFree) {
     void* first = record->createChiMeta(false, false);
     void* second = record->createChiMeta(false, false);

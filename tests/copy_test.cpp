@@ -124,6 +124,35 @@ TEST_F(CopyTest, DeepCopyFindsTheSharedLogicalResult) {
     }
 }
 
+TEST_F(CopyTest, DeepCopyKeepsTheFirstOfIdsEqualAfterAtoi) {
+    // Walked in string order; creation lets the later id win the shared key,
+    // the copy keeps the first one's object under it.
+    const struct {
+        std::set<std::string> ids;
+        int key;
+        size_t sourceIndex;
+        size_t copyIndex;
+    } cases[] = {{{"01", "1"}, 1, 1, 0}, {{"007", "7", "x"}, 7, 1, 0}, {{"a", "b"}, 0, 1, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(*c.ids.begin());
+        record = std::make_unique<QcomPostProcInfo>();
+        request(c.ids, false);
+        std::vector<void*> orphans = {record->m_pPrivPhyResults[c.copyIndex]};
+        {
+            QcomPostProcInfo copy(*record);
+            EXPECT_EQ(record->mPrivPhyResultMap.at(c.key),
+                      record->m_pPrivPhyResults[c.sourceIndex]);
+            EXPECT_EQ(copy.mPrivPhyResultMap.at(c.key), copy.m_pPrivPhyResults[c.copyIndex]);
+            EXPECT_EQ(copy.mPrivPhyResultMap.size(), record->mPrivPhyResultMap.size());
+            orphans.push_back(copy.m_pPrivPhyResults[c.sourceIndex]);
+        }
+        // Objects that live only in an array are the host's to end.
+        for (void* orphan : orphans) {
+            reinterpret_cast<ChiMetadata*>(orphan)->Destroy(true);
+        }
+    }
+}
+
 TEST_F(CopyTest, LastRecordUnregistersEvenIfItIsACopy) {
     auto copy = std::make_unique<QcomPostProcInfo>(*record);
     record.reset();

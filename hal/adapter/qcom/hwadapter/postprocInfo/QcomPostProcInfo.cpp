@@ -168,17 +168,133 @@ bool checkInUse(const void* record, void* handle, const char* function) {
 // Invalidates a meta that nobody references; one in use is left alone.
 // Returns whether it is in use.
 bool resetIfFree(const void* record, void* handle, const char* function) {
-    uint32_t count = asChiMeta(handle)->ReferenceCount();
-    if (count != 0) {
+    // The count is read once for the test and again by each sink that
+    // writes the line.
+    if (asChiMeta(handle)->ReferenceCount() != 0) {
         KYA_LOGW_IN(function, META,
                     "PostProcInfo %p ChiMeta %p ref %u still in use, cannot be reset!", record,
-                    handle, count);
+                    handle, asChiMeta(handle)->ReferenceCount());
         return true;
     }
     KYA_LOGI_IN(function, META, "PostProcInfo %p ChiMeta %p ref %u be reset!", record, handle,
-                count);
+                asChiMeta(handle)->ReferenceCount());
     asChiMeta(handle)->Invalidate();
     return false;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Helpers of the record's operations. They stay in this unit, out of the
+// class, so that the exported interface is the record's and nothing more.
+
+namespace {
+
+using adapter::DebugData;
+using adapter::QcomPostProcInfo;
+
+// Which operation gives back the held debug data: each has its own log
+// text, and only the destructor and reset() honour mFreeDebugData.
+enum class DebugDataRelease { Destruct, Reset, DestroyTuning };
+
+int decDebugDataRef(const QcomPostProcInfo& record, void* data) {
+    if (record.mEnableIQBM) {
+        return IBMIntfBufDecRef(data);
+    }
+    // The framework finds the buffer by pData alone.
+    DebugData debugData = {0, data};
+    return SubDebugDataReference(&debugData);
+}
+
+void releaseHeldDebugData(QcomPostProcInfo& record, DebugDataRelease how, const char* function) {
+    // The maps only describe; the references belong to mDebugDataSet.
+    {
+        std::lock_guard<std::mutex> lock(record.m3aDebugDataMutex);
+        record.m3aDebugDataMap.clear();
+    }
+    {
+        std::lock_guard<std::mutex> lock(record.mTuningDDArrayMutex);
+        record.mTuningDDArrayMap.clear();
+    }
+    std::lock_guard<std::mutex> lock(record.mDebugDataMutex);
+    // destroyTuningMetaBufs() always decrements, even on a record that owns
+    // its buffers.
+    const bool freeData = record.mFreeDebugData && how != DebugDataRelease::DestroyTuning;
+    for (void* data : record.mDebugDataSet) {
+        if (freeData) {
+            KYA_LOGD_IN(function, META, "PostProcsInfo %p free data:%p", &record, data);
+            free(data);
+            continue;
+        }
+        int count = decDebugDataRef(record, data);
+        if (how == DebugDataRelease::Reset) {
+            KYA_LOGD_IN(function, POSTPROC,
+                        "[Offline DebugData] PostProcsInfo %p mEnableIQBM %d reset debugData "
+                        "pData:%p after dec ref is %d",
+                        &record, record.mEnableIQBM, data, count);
+        } else {
+            KYA_LOGD_IN(function, how == DebugDataRelease::Destruct ? POSTPROC : META,
+                        "[Offline DebugData] PostProcsInfo %p mEnableIQBM %d destruct debugData "
+                        "pData:%p after dec ref is %d",
+                        &record, record.mEnableIQBM, data, count);
+        }
+    }
+    record.mDebugDataSet.clear();
+}
+
+void createPhysicalResults(QcomPostProcInfo& record, const char* function) {
+    const size_t count = record.mPhyCamIdSet.size();
+    record.m_pPrivPhyResults = new void*[count]();
+    record.m_pPrivPhyCamIds = new const char*[count]();
+    const adapter::PostProcInfoMetaAttributes& attributes = record.mPrivMetaAttributes;
+    size_t i = 0;
+    for (const std::string& id : record.mPhyCamIdSet) {
+        record.m_pPrivPhyResults[i] =
+                record.createChiMeta(attributes.physicalIsMultiTypeContextMeta != 0,
+                                     attributes.physicalIsMultiCameraContextMeta != 0);
+        record.m_pPrivPhyCamIds[i] = id.c_str();
+        // Ids equal after atoi share one key; the later one wins.
+        record.mPrivPhyResultMap[atoi(id.c_str())] = record.m_pPrivPhyResults[i];
+        KYA_LOGI_IN(function, META, "PostProcsInfo %p PrivPhyCamId %s PrivPhyResult %p", &record,
+                    id.c_str(), record.m_pPrivPhyResults[i]);
+        ++i;
+    }
+    // Only the first entry is judged; the HAL request attachment refuses the
+    // physical results on the same test.
+    if (record.m_pPrivPhyResults[0] == nullptr) {
+        KYA_LOGE_IN(function, META, "Create priv_physcam_result failed");
+    }
+}
+
+void destroyPrivResults(QcomPostProcInfo& record) {
+    if (record.m_pPrivResult != nullptr) {
+        // A logical result that is one of the physical ones dies with them.
+        if (!record.mSamelogical_PhyResult) {
+            record.destroyChiMeta(record.m_pPrivResult);
+        }
+        record.m_pPrivResult = nullptr;
+    }
+    if (record.mPhyCamIdSet.empty()) {
+        return;
+    }
+    // The map is the owning view; the array entries are not destroyed.
+    for (const auto& entry : record.mPrivPhyResultMap) {
+        void* handle = entry.second;
+        record.destroyChiMeta(handle);
+    }
+    record.mPrivPhyResultMap.clear();
+    delete[] record.m_pPrivPhyCamIds;
+    record.m_pPrivPhyCamIds = nullptr;
+    delete[] record.m_pPrivPhyResults;
+    record.m_pPrivPhyResults = nullptr;
+}
+
+// Releases the record's reference on an object a capture result displaced
+// and parks it for destruction with the private results.
+uint32_t retireDisplaced(QcomPostProcInfo& record, void* chiMeta) {
+    uint32_t count = releaseReference(chiMeta);
+    record.mReplacedPrivResults.insert(chiMeta);
+    return count;
 }
 
 }  // namespace
@@ -222,7 +338,7 @@ QcomPostProcInfo::~QcomPostProcInfo() {
     // mSum is read without the lock: the count is for information only.
     KYA_LOGD(POSTPROC, "Destruct  QcomPostProcInfo %p, before sum %d", this,
              static_cast<int>(mSum));
-    releaseHeldDebugData(DebugDataRelease::Destruct, __func__);
+    releaseHeldDebugData(*this, DebugDataRelease::Destruct, __func__);
     destroyPrivResultMeta();
     mHostFlag0 = false;
     mHostFlag1 = false;
@@ -290,7 +406,9 @@ QcomPostProcInfo::QcomPostProcInfo(const QcomPostProcInfo& other)
                          this, m_pPrivPhyResults, i, i, other.m_pPrivPhyResults[i]);
                 asChiMeta(m_pPrivPhyResults[i])
                         ->Copy(*asChiMeta(other.m_pPrivPhyResults[i]), false);
-                mPrivPhyResultMap[atoi(id.c_str())] = m_pPrivPhyResults[i];
+                // Insert, not overwrite: of two ids equal after atoi the
+                // first keeps the key, unlike at creation.
+                mPrivPhyResultMap.emplace(atoi(id.c_str()), m_pPrivPhyResults[i]);
                 ++i;
             }
         }
@@ -407,7 +525,7 @@ std::shared_ptr<PostProcInfo> QcomPostProcInfo::shallowClone(bool withDebugData)
 // Reset
 
 void QcomPostProcInfo::reset() {
-    releaseHeldDebugData(DebugDataRelease::Reset, __func__);
+    releaseHeldDebugData(*this, DebugDataRelease::Reset, __func__);
     resetChiMetas();
     // From now on this record keeps its debug data through the host
     // framework's counters, whatever the property says.
@@ -702,60 +820,14 @@ void QcomPostProcInfo::createPrivResultMeta(std::set<std::string>& phyCamIdSet,
     if (mPhyCamIdSet.empty()) {
         return;
     }
-    createPhysicalResults(__func__);
-}
-
-void QcomPostProcInfo::createPhysicalResults(const char* function) {
-    const size_t count = mPhyCamIdSet.size();
-    m_pPrivPhyResults = new void*[count]();
-    m_pPrivPhyCamIds = new const char*[count]();
-    size_t i = 0;
-    for (const std::string& id : mPhyCamIdSet) {
-        m_pPrivPhyResults[i] =
-                createChiMeta(mPrivMetaAttributes.physicalIsMultiTypeContextMeta != 0,
-                              mPrivMetaAttributes.physicalIsMultiCameraContextMeta != 0);
-        m_pPrivPhyCamIds[i] = id.c_str();
-        // Ids equal after atoi share one key; the later one wins.
-        mPrivPhyResultMap[atoi(id.c_str())] = m_pPrivPhyResults[i];
-        KYA_LOGI_IN(function, META, "PostProcsInfo %p PrivPhyCamId %s PrivPhyResult %p", this,
-                    id.c_str(), m_pPrivPhyResults[i]);
-        ++i;
-    }
-    // Only the first entry is judged; the HAL request attachment refuses the
-    // physical results on the same test.
-    if (m_pPrivPhyResults[0] == nullptr) {
-        KYA_LOGE_IN(function, META, "Create priv_physcam_result failed");
-    }
-}
-
-void QcomPostProcInfo::destroyPrivResults() {
-    if (m_pPrivResult != nullptr) {
-        // A logical result that is one of the physical ones dies with them.
-        if (!mSamelogical_PhyResult) {
-            destroyChiMeta(m_pPrivResult);
-        }
-        m_pPrivResult = nullptr;
-    }
-    if (mPhyCamIdSet.empty()) {
-        return;
-    }
-    // The map is the owning view; the array entries are not destroyed.
-    for (const auto& entry : mPrivPhyResultMap) {
-        void* handle = entry.second;
-        destroyChiMeta(handle);
-    }
-    mPrivPhyResultMap.clear();
-    delete[] m_pPrivPhyCamIds;
-    m_pPrivPhyCamIds = nullptr;
-    delete[] m_pPrivPhyResults;
-    m_pPrivPhyResults = nullptr;
+    createPhysicalResults(*this, __func__);
 }
 
 void QcomPostProcInfo::destroyPrivResultMeta() {
     if (!mSupportPrivMeta) {
         return;
     }
-    destroyPrivResults();
+    destroyPrivResults(*this);
     mPhyCamIdSet.clear();
     for (void* replaced : mReplacedPrivResults) {
         void* handle = replaced;
@@ -799,12 +871,6 @@ void QcomPostProcInfo::setHalRequestPrivResultMeta(camera3_capture_request* halR
              halRequest->priv_result, halRequest->priv_physcam_result);
 }
 
-uint32_t QcomPostProcInfo::retireDisplaced(void* chiMeta) {
-    uint32_t count = releaseReference(chiMeta);
-    mReplacedPrivResults.insert(chiMeta);
-    return count;
-}
-
 void QcomPostProcInfo::checkAndUpdatePrivResult(const camera3_capture_result* result) {
     const uint32_t frame = result->frame_number;
     KYA_LOGI(META,
@@ -822,7 +888,7 @@ void QcomPostProcInfo::checkAndUpdatePrivResult(const camera3_capture_result* re
                  "result->priv_metadata %p",
                  this, frame, m_pPrivResult, result->priv_metadata);
         if (m_pPrivResult != nullptr) {
-            uint32_t count = retireDisplaced(m_pPrivResult);
+            uint32_t count = retireDisplaced(*this, m_pPrivResult);
             KYA_LOGD_VERBOSE(META, "PostProcsInfo %p the chi meta: %p ReleaseReference ref: %d",
                              this, m_pPrivResult, static_cast<int>(count));
         }
@@ -883,7 +949,7 @@ void QcomPostProcInfo::checkAndUpdatePrivResult(const camera3_capture_result* re
                      "result->priv_physcam_metadata[%d] %p",
                      this, frame, cameraId, held, static_cast<int>(i), newMeta);
             if (held != nullptr) {
-                retireDisplaced(held);
+                retireDisplaced(*this, held);
             }
             held = newMeta;
             m_pPrivPhyResults[i] = newMeta;
@@ -897,7 +963,7 @@ void QcomPostProcInfo::checkAndUpdatePrivResult(const camera3_capture_result* re
         // The cameras changed: rebuild from the result.
         if (!mPhyCamIdSet.empty()) {
             for (const auto& entry : mPrivPhyResultMap) {
-                uint32_t count = retireDisplaced(entry.second);
+                uint32_t count = retireDisplaced(*this, entry.second);
                 KYA_LOGD_VERBOSE(META, "PostProcsInfo %p the chi meta: %p ReleaseReference ref: %d",
                                  this, entry.second, static_cast<int>(count));
             }
@@ -1031,15 +1097,15 @@ void QcomPostProcInfo::createTuningMetaBufs() {
              this, m_pPrivResult, static_cast<unsigned>(mPhyCamIdSet.size()),
              mSamelogical_PhyResult.load());
     if (!mPhyCamIdSet.empty()) {
-        createPhysicalResults(__func__);
+        createPhysicalResults(*this, __func__);
     }
     addChiMetasRef();
 }
 
 void QcomPostProcInfo::destroyTuningMetaBufs() {
     releaseChiMetasRef();
-    destroyPrivResults();
-    releaseHeldDebugData(DebugDataRelease::DestroyTuning, __func__);
+    destroyPrivResults(*this);
+    releaseHeldDebugData(*this, DebugDataRelease::DestroyTuning, __func__);
     KYA_LOGD(META,
              "PostProcsInfo %p m_pPrivResult %p request phyCamIdSet size %u "
              "mSamelogical_PhyResult %d",
@@ -1133,51 +1199,6 @@ void QcomPostProcInfo::keepTuningDDArray(int cameraId, DebugDataTuningMetaArray*
                  "%u pData:%p after add ref is %d",
                  this, cameraId, i, entry->pData, count);
     }
-}
-
-int QcomPostProcInfo::decDebugDataRef(void* data) {
-    if (mEnableIQBM) {
-        return IBMIntfBufDecRef(data);
-    }
-    // The framework finds the buffer by pData alone.
-    DebugData debugData = {0, data};
-    return SubDebugDataReference(&debugData);
-}
-
-void QcomPostProcInfo::releaseHeldDebugData(DebugDataRelease how, const char* function) {
-    // The maps only describe; the references belong to mDebugDataSet.
-    {
-        std::lock_guard<std::mutex> lock(m3aDebugDataMutex);
-        m3aDebugDataMap.clear();
-    }
-    {
-        std::lock_guard<std::mutex> lock(mTuningDDArrayMutex);
-        mTuningDDArrayMap.clear();
-    }
-    std::lock_guard<std::mutex> lock(mDebugDataMutex);
-    // destroyTuningMetaBufs() always decrements, even on a record that owns
-    // its buffers.
-    const bool freeData = mFreeDebugData && how != DebugDataRelease::DestroyTuning;
-    for (void* data : mDebugDataSet) {
-        if (freeData) {
-            KYA_LOGD_IN(function, META, "PostProcsInfo %p free data:%p", this, data);
-            free(data);
-            continue;
-        }
-        int count = decDebugDataRef(data);
-        if (how == DebugDataRelease::Reset) {
-            KYA_LOGD_IN(function, POSTPROC,
-                        "[Offline DebugData] PostProcsInfo %p mEnableIQBM %d reset debugData "
-                        "pData:%p after dec ref is %d",
-                        this, mEnableIQBM, data, count);
-        } else {
-            KYA_LOGD_IN(function, how == DebugDataRelease::Destruct ? POSTPROC : META,
-                        "[Offline DebugData] PostProcsInfo %p mEnableIQBM %d destruct debugData "
-                        "pData:%p after dec ref is %d",
-                        this, mEnableIQBM, data, count);
-        }
-    }
-    mDebugDataSet.clear();
 }
 
 }  // namespace adapter

@@ -124,16 +124,6 @@ class QCOM_POSTPROC_EXPORT QcomPostProcInfo : public PostProcInfo {
     bool mFreeDebugData;
     std::shared_ptr<QCOMTuningParams> mTuningParam;
     PostProcInfoMetaAttributes mPrivMetaAttributes;
-
-  private:
-    // Which operation gives back the held debug data: each has its own log
-    // text, and only the destructor and reset() honour mFreeDebugData.
-    enum class DebugDataRelease { Destruct, Reset, DestroyTuning };
-    void releaseHeldDebugData(DebugDataRelease how, const char* function);
-    int decDebugDataRef(void* data);
-    void createPhysicalResults(const char* function);
-    void destroyPrivResults();
-    uint32_t retireDisplaced(void* chiMeta);
 };
 
 }  // namespace adapter
