@@ -86,10 +86,9 @@ TEST_F(LogCostTest, LineFormatsPrefixAndMessageOncePerWritingSink) {
         EXPECT_EQ(sim::count("ReferenceCount"), 2u * sinks.writing);
         EXPECT_EQ(sim::kycam::lines().size(), 2u * sinks.writing);
     }
-    EXPECT_THAT(
-            sim::kycam::texts(sim::kycam::Sink::Android).front(),
-            ::testing::MatchesRegex("KYA_META QcomPostProcInfo\\.cpp:[0-9]+ createChiMeta\\(\\) "
-                                    "Create ChiMeta 0x[0-9a-f]+ ref 0 .*"));
+    EXPECT_THAT(sim::kycam::texts(sim::kycam::Sink::Android).front(),
+                ::testing::MatchesRegex("KYA_META QcomPostProcInfo\\.cpp:[0-9]+ createChiMeta\\(\\)"
+                                        "Create ChiMeta 0x[0-9a-f]+ ref 0 .*"));
 }
 
 TEST_F(LogCostTest, NoLineAllocatesAtAnyLevel) {

@@ -72,21 +72,29 @@ TEST_F(RecordTest, ConstructAndDestructLogTheCountAfterAndBefore) {
 
 TEST_F(RecordTest, LifetimeLinesCarryTheirPrefixOnBothSinks) {
     sim::kycam::setLogConfig(3, KYA_LOG_GROUP_POSTPROC, 1);
-    { QcomPostProcInfo record; }
+    std::string address;
+    {
+        QcomPostProcInfo record;
+        address = hex(&record);
+    }
     const std::vector<sim::kycam::LogLine> lines = sim::kycam::lines();
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0].sink, sim::kycam::Sink::Android);
     EXPECT_EQ(lines[0].priority, ANDROID_LOG_DEBUG);
     EXPECT_EQ(lines[0].tag, "KyCamAdapter");
-    EXPECT_THAT(lines[0].text, ::testing::MatchesRegex("KYA_POSTPROC QcomPostProcInfo\\.cpp:[0-9]+ "
-                                                       "QcomPostProcInfo\\(\\) Construct .*"));
     EXPECT_EQ(lines[1].sink, sim::kycam::Sink::LogSystem);
     EXPECT_EQ(lines[1].group, KYA_LOG_GROUP_POSTPROC);
     EXPECT_EQ(lines[1].level, "D");
     EXPECT_EQ(lines[1].fileName, "QcomPostProcInfo.cpp");
     EXPECT_EQ(lines[1].function, "QcomPostProcInfo");
-    EXPECT_THAT(lines[2].text, ::testing::MatchesRegex("KYA_POSTPROC QcomPostProcInfo\\.cpp:[0-9]+ "
-                                                       "~QcomPostProcInfo\\(\\) Destruct  .*"));
+    EXPECT_EQ(lines[1].text, "Construct QcomPostProcInfo " + address + ", after sum 1");
+    // The whole Android text, byte for byte: the message follows "()".
+    EXPECT_EQ(lines[0].text, "KYA_POSTPROC QcomPostProcInfo.cpp:" + std::to_string(lines[1].line) +
+                                     " QcomPostProcInfo()Construct QcomPostProcInfo " + address +
+                                     ", after sum 1");
+    EXPECT_EQ(lines[2].text, "KYA_POSTPROC QcomPostProcInfo.cpp:" + std::to_string(lines[3].line) +
+                                     " ~QcomPostProcInfo()Destruct  QcomPostProcInfo " + address +
+                                     ", before sum 1");
     EXPECT_EQ(lines[3].function, "~QcomPostProcInfo");
 }
 

@@ -56,13 +56,14 @@ extern uint32_t gKyCamDebugMask;
     ((gKyCamLogGroup & (group)) != 0 && ((prio) >= ANDROID_LOG_ERROR || gKyCamDebugMask != 0))
 
 // One format per writing sink: the prefix is pasted into the message format
-// so that __android_log_print formats both in a single pass. function is the
+// so that __android_log_print formats both in a single pass. The message
+// follows "()" directly, as the framework's own lines do. function is the
 // name printed in the prefix; the level macros below pass __func__.
 #define KYA_LOG_WHERE(prio, threshold, letter, group, function, fmt, ...)                         \
     do {                                                                                          \
         if (KYA_ANDROID_SINK_ON(threshold, group)) {                                              \
             __android_log_print(                                                                  \
-                    prio, LOG_TAG, "%s %s:%d %s() " fmt, kydebug::Log::kyaGroupToString(group),   \
+                    prio, LOG_TAG, "%s %s:%d %s()" fmt, kydebug::Log::kyaGroupToString(group),    \
                     kydebug::Log::getFileName(__FILE__), __LINE__, function, ##__VA_ARGS__);      \
         }                                                                                         \
         if (KYA_SYSTEM_SINK_ON(prio, group)) {                                                    \

@@ -21,19 +21,27 @@
 
 namespace testsupport {
 
-// Messages of one sink in order; the Android sink's prefix ("group file:line
-// function() ") is cut off.
+// The message of an Android line: what follows the prefix "group
+// file:line function()". A function object's name is "operator()", so its
+// prefix ends in "operator()()".
+inline std::string androidMessage(const std::string& text) {
+    size_t at = text.find(' ');
+    at = at == std::string::npos ? at : text.find(' ', at + 1);
+    if (at == std::string::npos) {
+        return text;
+    }
+    const size_t parens = text.compare(at + 1, 10, "operator()") == 0 ? at + 11 : at + 1;
+    const size_t end = text.find("()", parens);
+    return end == std::string::npos ? text : text.substr(end + 2);
+}
+
+// Messages of one sink in order, without the Android sink's prefix.
 inline std::vector<std::string> messages(sim::kycam::Sink sink) {
     std::vector<std::string> result;
     for (const sim::kycam::LogLine& line : sim::kycam::lines()) {
-        if (line.sink != sink) {
-            continue;
-        }
-        if (sink == sim::kycam::Sink::Android) {
-            size_t end = line.text.find("() ");
-            result.push_back(end == std::string::npos ? line.text : line.text.substr(end + 3));
-        } else {
-            result.push_back(line.text);
+        if (line.sink == sink) {
+            result.push_back(sink == sim::kycam::Sink::Android ? androidMessage(line.text)
+                                                               : line.text);
         }
     }
     return result;
