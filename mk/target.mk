@@ -7,7 +7,7 @@ CROSS_PACKAGES := cmake make g++-aarch64-linux-gnu binutils-aarch64-linux-gnu li
 	android-liblog-dev:arm64 android-libcutils-dev:arm64 android-libbase-dev:arm64
 AARCH64_PACKAGES := $(CROSS_PACKAGES) libgtest-dev:arm64 libgmock-dev:arm64 qemu-user
 BP_PACKAGES := make gcc g++ dpkg-dev blueprint-tools mini-soong \
-	android-liblog-dev android-libcutils-dev
+	android-liblog-dev android-libcutils-dev android-libbase-dev
 ABI_PACKAGES := $(CROSS_PACKAGES) abigail-tools
 
 ABI_BASELINE := abi/libpostprocinfo.aarch64.abi

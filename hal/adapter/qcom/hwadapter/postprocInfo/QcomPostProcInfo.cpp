@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include <AdvancedFeatureConcurrencyParams.h>
+#include <android-base/thread_annotations.h>
 #include <chi/chxextensionmodule.h>
 #include <chi/chxmetadata.h>
 #include <cutils/properties.h>
@@ -197,7 +198,29 @@ using adapter::QcomPostProcInfo;
 // text, and only the destructor and reset() honour mFreeDebugData.
 enum class DebugDataRelease { Destruct, Reset, DestroyTuning };
 
-int decDebugDataRef(const QcomPostProcInfo& record, void* data) {
+// The count of live records for the destructor's log line, read without
+// mSumMutex: a racy read for information only.
+int liveRecordsForLog() NO_THREAD_SAFETY_ANALYSIS {
+    return static_cast<int>(QcomPostProcInfo::mSum);
+}
+
+// The export walks the 3A map without its mutex: it runs on the thread that
+// owns the record, and keeping debug data must not overlap it.
+const std::map<int, DebugData>& unguarded3aDebugDataMap(const QcomPostProcInfo& record)
+        NO_THREAD_SAFETY_ANALYSIS {
+    return record.m3aDebugDataMap;
+}
+
+// Fills a container of a record that no other thread can see yet, so its own
+// mutex need not be taken.
+template <typename Container>
+void fillFresh(QcomPostProcInfo& fresh, Container QcomPostProcInfo::*member,
+               const Container& value) NO_THREAD_SAFETY_ANALYSIS {
+    fresh.*member = value;
+}
+
+// Buffers are given back under the set's lock.
+int decDebugDataRef(const QcomPostProcInfo& record, void* data) REQUIRES(record.mDebugDataMutex) {
     if (record.mEnableIQBM) {
         return IBMIntfBufDecRef(data);
     }
@@ -206,7 +229,8 @@ int decDebugDataRef(const QcomPostProcInfo& record, void* data) {
     return SubDebugDataReference(&debugData);
 }
 
-void releaseHeldDebugData(QcomPostProcInfo& record, DebugDataRelease how, const char* function) {
+void releaseHeldDebugData(QcomPostProcInfo& record, DebugDataRelease how, const char* function)
+        EXCLUDES(record.m3aDebugDataMutex, record.mTuningDDArrayMutex, record.mDebugDataMutex) {
     // The maps only describe; the references belong to mDebugDataSet.
     {
         std::lock_guard<std::mutex> lock(record.m3aDebugDataMutex);
@@ -335,9 +359,7 @@ QcomPostProcInfo::QcomPostProcInfo()
 }
 
 QcomPostProcInfo::~QcomPostProcInfo() {
-    // mSum is read without the lock: the count is for information only.
-    KYA_LOGD(POSTPROC, "Destruct  QcomPostProcInfo %p, before sum %d", this,
-             static_cast<int>(mSum));
+    KYA_LOGD(POSTPROC, "Destruct  QcomPostProcInfo %p, before sum %d", this, liveRecordsForLog());
     releaseHeldDebugData(*this, DebugDataRelease::Destruct, __func__);
     destroyPrivResultMeta();
     mHostFlag0 = false;
@@ -508,15 +530,15 @@ std::shared_ptr<PostProcInfo> QcomPostProcInfo::shallowClone(bool withDebugData)
     // back per pointer when it is destroyed; the host balances the two.
     {
         std::lock_guard<std::mutex> lock(m3aDebugDataMutex);
-        copy->m3aDebugDataMap = m3aDebugDataMap;
+        fillFresh(*copy, &QcomPostProcInfo::m3aDebugDataMap, m3aDebugDataMap);
     }
     {
         std::lock_guard<std::mutex> lock(mTuningDDArrayMutex);
-        copy->mTuningDDArrayMap = mTuningDDArrayMap;
+        fillFresh(*copy, &QcomPostProcInfo::mTuningDDArrayMap, mTuningDDArrayMap);
     }
     {
         std::lock_guard<std::mutex> lock(mDebugDataMutex);
-        copy->mDebugDataSet = mDebugDataSet;
+        fillFresh(*copy, &QcomPostProcInfo::mDebugDataSet, mDebugDataSet);
     }
     return copy;
 }
@@ -1041,7 +1063,7 @@ void QcomPostProcInfo::getTuningMetaBufs(kycam::TuningParamsBase& params,
                  static_cast<int>(params.mDebug3ABuffers.size()));
     } else {
         // Borrowed, not handed over: the record keeps its references.
-        for (const auto& entry : m3aDebugDataMap) {
+        for (const auto& entry : unguarded3aDebugDataMap(*this)) {
             params.mDebug3ABuffers[entry.first] = {entry.second.size, entry.second.pData};
             KYA_LOGD(META, "3A debug PostProcsInfo %p cameraId:%d buffer:%p size:%d", this,
                      entry.first, entry.second.pData, static_cast<int>(entry.second.size));

@@ -17,10 +17,19 @@
 #include <PostProcInfo.h>
 #include <adapter/DebugData.h>
 #include <adapter/PostProcInfoMetaAttributes.h>
+#include <android-base/thread_annotations.h>
 #include <hardware/camera3.h>
 #include <kycam/IMediator.h>
 #include <kycam/TuningParamsBase.h>
 #include <system/camera_metadata.h>
+
+#ifndef __clang__
+// The lock table's annotations are clang's thread-safety attributes; GCC has
+// no such analysis and would reject their arguments, so under GCC libbase's
+// macros expand to nothing.
+#undef THREAD_ANNOTATION_ATTRIBUTE__
+#define THREAD_ANNOTATION_ATTRIBUTE__(x)
+#endif
 
 #define QCOM_POSTPROC_EXPORT __attribute__((visibility("default")))
 
@@ -47,15 +56,20 @@ class QCOM_POSTPROC_EXPORT QcomPostProcInfo : public PostProcInfo {
     void setName(std::string name) override;
     void setMediator(std::shared_ptr<kycam::IMediator> mediator) override;
     std::string getName() const override;
-    std::shared_ptr<PostProcInfo> clone(bool needOwnDebugData) override;
-    std::shared_ptr<PostProcInfo> shallowClone(bool withDebugData) override;
+    std::shared_ptr<PostProcInfo> clone(bool needOwnDebugData) override
+            EXCLUDES(m3aDebugDataMutex, mTuningDDArrayMutex);
+    std::shared_ptr<PostProcInfo> shallowClone(bool withDebugData) override
+            EXCLUDES(m3aDebugDataMutex, mTuningDDArrayMutex, mDebugDataMutex);
     bool needUpdateToKymeta() override;
     std::shared_ptr<kycam::TuningParamsBase> createTuningParams() override;
     void getTuningMetaBufs(kycam::TuningParamsBase& params, std::function<std::string()> nameFn,
                            bool flag) override;
-    void setTuningMetaBufs(kycam::TuningParamsBase& params) override;
-    void destroyTuningMetaBufs() override;
-    void releaseTuningMetaBufs(bool releaseDebugData) override;
+    void setTuningMetaBufs(kycam::TuningParamsBase& params) override
+            EXCLUDES(m3aDebugDataMutex, mDebugDataMutex);
+    void destroyTuningMetaBufs() override
+            EXCLUDES(m3aDebugDataMutex, mTuningDDArrayMutex, mDebugDataMutex);
+    void releaseTuningMetaBufs(bool releaseDebugData) override
+            EXCLUDES(m3aDebugDataMutex, mTuningDDArrayMutex, mDebugDataMutex);
     void createTuningMetaBufs() override;
 
     // CHI metadata objects.
@@ -89,15 +103,18 @@ class QCOM_POSTPROC_EXPORT QcomPostProcInfo : public PostProcInfo {
     void setHalRequestPrivResultMeta(camera3_capture_request* halRequest);
     void checkAndUpdatePrivResult(const camera3_capture_result* result);
 
-    // Debug data kept alive by reference.
-    void keep3aDebugData(int cameraId, DebugData* debugData, bool alreadyReferenced);
-    void keepTuningDDArray(int cameraId, DebugDataTuningMetaArray* array, bool alreadyReferenced);
-    int addDebugDataAndRef(DebugData* debugData, bool alreadyReferenced);
+    // Debug data kept alive by reference; these three may run on several
+    // threads at once.
+    void keep3aDebugData(int cameraId, DebugData* debugData, bool alreadyReferenced)
+            EXCLUDES(m3aDebugDataMutex, mDebugDataMutex);
+    void keepTuningDDArray(int cameraId, DebugDataTuningMetaArray* array, bool alreadyReferenced)
+            EXCLUDES(mTuningDDArrayMutex, mDebugDataMutex);
+    int addDebugDataAndRef(DebugData* debugData, bool alreadyReferenced) EXCLUDES(mDebugDataMutex);
 
     // Lets go of debug data and readies the CHI metadata for another request.
-    void reset();
+    void reset() EXCLUDES(m3aDebugDataMutex, mTuningDDArrayMutex, mDebugDataMutex);
 
-    static uint64_t mSum;  // live records, guarded by mSumMutex
+    static uint64_t mSum GUARDED_BY(mSumMutex);  // live records
     static std::mutex mSumMutex;
     static std::atomic<uint64_t> mChiMetaSum;  // live CHI metadata objects
 
@@ -116,11 +133,12 @@ class QCOM_POSTPROC_EXPORT QcomPostProcInfo : public PostProcInfo {
     std::set<void*> mDestroyedChiMetas;
     std::atomic<bool> mSamelogical_PhyResult;
     std::mutex m3aDebugDataMutex;
-    std::map<int, DebugData> m3aDebugDataMap;
+    std::map<int, DebugData> m3aDebugDataMap GUARDED_BY(m3aDebugDataMutex);
     std::mutex mTuningDDArrayMutex;
-    std::map<int, DebugDataTuningMetaArray> mTuningDDArrayMap;
-    std::mutex mDebugDataMutex;
-    std::set<void*> mDebugDataSet;
+    std::map<int, DebugDataTuningMetaArray> mTuningDDArrayMap GUARDED_BY(mTuningDDArrayMutex);
+    // Taken inside either map's mutex when a kept buffer joins the set.
+    std::mutex mDebugDataMutex ACQUIRED_AFTER(m3aDebugDataMutex, mTuningDDArrayMutex);
+    std::set<void*> mDebugDataSet GUARDED_BY(mDebugDataMutex);
     bool mFreeDebugData;
     std::shared_ptr<QCOMTuningParams> mTuningParam;
     PostProcInfoMetaAttributes mPrivMetaAttributes;
