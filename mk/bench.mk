@@ -22,10 +22,12 @@ bench-build:
 	@./tools/ensure-packages $(PACKAGES) $(BENCH_PACKAGES)
 	$(CMAKE) -S . -B $(BENCH_DIR) $(BENCH_CMAKE_FLAGS) -DPOSTPROC_BUILD_BENCH=ON \
 		-DPOSTPROC_BUILD_TESTS=OFF -DPOSTPROC_BUILD_DEMO=OFF
-	$(CMAKE) --build $(BENCH_DIR) -j$(BENCH_JOBS) --target postproc_bench postproc_count
+	$(CMAKE) --build $(BENCH_DIR) -j$(BENCH_JOBS) --target postproc_bench postproc_count \
+		postproc_logcheck_bench
 
 bench: bench-build
 	$(BENCH_DIR)/bin/postproc_bench $(BENCH_ARGS)
+	$(BENCH_DIR)/bin/postproc_logcheck_bench
 
 # One dump per measured workload in $(BENCH_CALLGRIND), for callgrind_annotate.
 bench-count: bench-build

@@ -35,14 +35,20 @@ fuzz-build: deps
 	@./tools/ensure-packages $(FUZZ_PACKAGES)
 	$(CMAKE) -S . -B $(FUZZ_DIR) -DCMAKE_CXX_COMPILER=clang++-14 -DPOSTPROC_SANITIZE=address \
 		-DPOSTPROC_BUILD_FUZZ=ON -DPOSTPROC_BUILD_TESTS=OFF $(SAN_CMAKE_FLAGS)
-	$(CMAKE) --build $(FUZZ_DIR) -j$(SAN_JOBS) --target postproc_fuzz
+	$(CMAKE) --build $(FUZZ_DIR) -j$(SAN_JOBS) --target postproc_fuzz logcheck_fuzz
 
-# New inputs go to the first directory; the committed seeds stay as they are.
+# One target for a number of seconds: new inputs go to its build directory,
+# the committed seeds stay as they are.
+# $(call FUZZ_RUN,target,seeds,seconds,max_len)
+FUZZ_RUN = mkdir -p $(FUZZ_DIR)/$(1)-corpus $(FUZZ_DIR)/artifacts && \
+	$(FUZZ_ENV) $(FUZZ_DIR)/bin/$(1) -max_total_time=$(3) -timeout=10 -max_len=$(4) \
+		-print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/artifacts/ $(FUZZ_DIR)/$(1)-corpus $(2)
+
 fuzz: fuzz-build
-	mkdir -p $(FUZZ_DIR)/corpus $(FUZZ_DIR)/artifacts
-	$(FUZZ_ENV) $(FUZZ_DIR)/bin/postproc_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
-		-max_len=512 -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/artifacts/ \
-		$(FUZZ_DIR)/corpus fuzz/corpus
+	$(call FUZZ_RUN,postproc_fuzz,fuzz/corpus,$(FUZZ_SECONDS),512)
+	$(call FUZZ_RUN,logcheck_fuzz,fuzz/logcheck-corpus,$(FUZZ_SECONDS),16384)
 
-fuzz-smoke:
-	$(MAKE) fuzz FUZZ_SECONDS=60
+# The record for 40 s, the log checker for 20 s.
+fuzz-smoke: fuzz-build
+	$(call FUZZ_RUN,postproc_fuzz,fuzz/corpus,40,512)
+	$(call FUZZ_RUN,logcheck_fuzz,fuzz/logcheck-corpus,20,16384)

@@ -140,7 +140,10 @@ uint32_t ChiMetadata::ReleaseReference(const char* clientName) {
     uint32_t count = 0;
     if (state != nullptr) {
         if (state->refCount == 0) {
+            // The books stay at zero; the caller sees the unsigned count
+            // wrapped, as the platform's would.
             sim::misuse("chi reference below zero on " + describe(this));
+            count = UINT32_MAX;
         } else {
             count = --state->refCount;
         }

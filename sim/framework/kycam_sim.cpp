@@ -14,6 +14,8 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <android/log.h>
 
@@ -33,6 +35,10 @@ bool gCapture = true;
 FILE* gEcho = nullptr;
 
 std::mutex gRefMutex;
+
+int threadId() {
+    return static_cast<int>(syscall(SYS_gettid));
+}
 std::map<const void*, int> gDebugDataRefs;
 
 // Captures the Android sink through liblog's own logger hook.
@@ -47,7 +53,9 @@ void androidLogger(const struct __android_logger_data* data, const char* message
                                  "",
                                  "",
                                  0,
-                                 message};
+                                 message,
+                                 getpid(),
+                                 threadId()};
         gLines.push_back(std::move(line));
     }
     if (gEcho != nullptr) {
@@ -94,7 +102,7 @@ void Log::logSystem(uint32_t group, const char* level, const char* fileName, con
     std::lock_guard<std::mutex> lock(gLogMutex);
     if (gCapture) {
         gLines.push_back({sim::kycam::Sink::LogSystem, letterPriority(level), "", group, level,
-                          fileName, function, line, message});
+                          fileName, function, line, message, getpid(), threadId()});
     }
     if (gEcho != nullptr) {
         fprintf(gEcho, "[kylog %s] %s %s:%d %s() %s\n", level, kyaGroupToString(group), fileName,
@@ -139,10 +147,12 @@ extern "C" int SubDebugDataReference(adapter::DebugData* debugData) {
     }
     int& count = gDebugDataRefs[debugData->pData];
     if (count == 0) {
+        // The books stay at zero; the caller sees what the counter would.
         sim::misuse("debug data reference below zero");
-    } else {
-        --count;
+        sim::record("kycam", "SubDebugDataReference", debugData->pData, -1);
+        return -1;
     }
+    --count;
     sim::record("kycam", "SubDebugDataReference", debugData->pData, count);
     return count;
 }

@@ -82,10 +82,12 @@ __attribute__((visibility("default"))) int IBMIntfBufDecRef(void* buffer) {
     }
     int& count = gRefs[buffer];
     if (count == 0) {
+        // The books stay at zero; the caller sees what the counter would.
         sim::misuse("iqbm reference below zero");
-    } else {
-        --count;
+        sim::record("iqbm", "IBMIntfBufDecRef", buffer, -1);
+        return -1;
     }
+    --count;
     sim::record("iqbm", "IBMIntfBufDecRef", buffer, count);
     return count;
 }

@@ -23,6 +23,8 @@ struct LogLine {
     std::string function;  // log system only
     int line;              // log system only
     std::string text;      // the formatted message (with its prefix on the Android sink)
+    int pid;               // the process and thread that wrote it
+    int tid;
 };
 
 // Sets gKyCamLogLevel, gKyCamLogGroup and gKyCamDebugMask.
