@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time of the record's per-request paths against the data-model floor and
 // the platform calls alone, measured side by side in one process: each
 // iteration runs a batch of lifecycles of every form in turn, so that the

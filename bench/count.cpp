@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Instruction counts of the record's lifecycles, for comparison across
 // commits. Run under callgrind with collection off at start:
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // postproc-logcheck's speed and memory on a log where one line in ten is the
 // library's (threadtime, as adb logcat prints it). Counters:
 //   lines/s     the Items column: log lines read per second

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The executable's definitions come first in symbol lookup, so calls from
 // every shared library (the record, liblog, libstdc++) land here; each one
 // counts and goes on to glibc.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counting hooks for the performance suite and its tests: heap allocations
 // (the malloc family, which operator new also goes through) and printf-style
 // formats (the snprintf family, which liblog and the log system also go

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Per-step accounting of a workload (workload.h) in its three forms: the
 // heap allocations that each step makes beyond the platform's own, and the
 // check that the forms make the same platform calls.

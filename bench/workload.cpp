@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #define LOG_TAG "KyCamAdapter"
 
 #include "workload.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Workloads of the performance suite. Each one runs in three forms that make
 // the same platform calls (CHI metadata, camera metadata, IQ buffer manager,
 // debug data counters) in the same order:

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross build for the phone's architecture with Debian's AArch64 cross
 # compiler and the arm64 multiarch packages (dpkg --add-architecture arm64).
 # Test programs, gtest discovery included, run under qemu-aarch64.

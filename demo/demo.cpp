@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A short host session against the simulated platform: what a camera HAL
 // engineer sees of the record, its log lines and the platform's books.
 #include <QcomPostProcInfo.h>
@@ -8,8 +9,10 @@
 #include <sim/kycam.h>
 
 #include <chi/chxmetadata.h>
+#include <cutils/properties.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <memory>
 #include <set>
@@ -191,10 +194,17 @@ void recordsComeAndGo() {
 
 }  // namespace
 
-int main() {
-    // Every group, every level, both sinks, echoed here.
-    sim::kycam::setLogConfig(0, 0xFFFFFFFF, 1);
-    sim::kycam::setLogOutput(false, stdout);
+int main(int argc, char** argv) {
+    // Every group and level, echoed here: the Android log, and with --both
+    // the framework's log system too.
+    const bool both = argc > 1 && strcmp(argv[1], "--both") == 0;
+    sim::kycam::setLogConfig(0, 0xFFFFFFFF, both ? 1 : 0);
+    sim::kycam::setLogOutput(false, stdout, both);
+    char enableIQBM[PROPERTY_VALUE_MAX];
+    property_get("persist.vendor.camera.enableIQBM", enableIQBM, "");
+    const char* seeded = getenv("SIM_PROPERTIES");
+    printf("persist.vendor.camera.enableIQBM = %s (SIM_PROPERTIES=\"%s\")\n",
+           enableIQBM[0] != '\0' ? enableIQBM : "unset, so 1", seeded != nullptr ? seeded : "");
 
     recordsComeAndGo();
     twoCameraRequest();

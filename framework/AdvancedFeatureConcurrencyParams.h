@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One entry of the advanced-feature concurrency configuration.
 #pragma once
 

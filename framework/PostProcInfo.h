@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host framework's post-processing info interface: one record per
 // post-processed capture request. Slot order is part of the binary interface.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libFuzzer target of postproc-logcheck's reading and ledger: any input, in
 // any of the formats, is read without a crash or a read out of bounds, the
 // books stay consistent (nothing ends more often than it was made or seen

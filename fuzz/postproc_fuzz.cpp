@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Coverage-guided fuzzing of the record as the host framework drives it: each
 // input is decoded into a sequence of framework calls on up to four records.
 // Afterwards the simulation's ledger must be balanced: no misuse (double

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Framing of `logcat -B`: each entry is a logger_entry header followed by its
 // payload; liblog decodes the payload.
 #include <string.h>

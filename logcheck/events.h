@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's log lines as ledger events: each line is recognised by the
 // function in its prefix and its message, read with the library's own
 // format.

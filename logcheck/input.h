@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading a phone's log as users have it: the text that `adb logcat` prints
 // in its threadtime (default), brief, time and long formats, with any of
 // their modifiers, and the binary entries of `adb logcat -B`.

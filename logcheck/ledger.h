@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record's ledger rebuilt from its log: which records, CHI metadata
 // objects and debug data references each camera provider process made and
 // gave back, and where the log shows a host rule broken.

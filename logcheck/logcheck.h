@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log checker as a whole: a log read into the ledgers, and what they
 // found, for a person (the verdict first, then the ledger per process and the
 // findings, most severe first) or for a script (one JSON object).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // postproc-logcheck: rebuilds libpostprocinfo's ledger from a phone's log
 // and names the host rule that a leak, a double destroy or an underflow
 // most likely broke.

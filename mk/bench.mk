@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Performance: `make bench` times the record's per-request paths against the
 # data-model floor and the platform calls alone (Google Benchmark, several
 # repetitions, medians summarised at the end); `make bench-count` counts
@@ -19,11 +20,12 @@ BENCH_CALLGRIND := $(BENCH_DIR)/callgrind
 .PHONY: bench bench-count bench-build
 
 bench-build:
-	@./tools/ensure-packages $(PACKAGES) $(BENCH_PACKAGES)
-	$(CMAKE) -S . -B $(BENCH_DIR) $(BENCH_CMAKE_FLAGS) -DPOSTPROC_BUILD_BENCH=ON \
-		-DPOSTPROC_BUILD_TESTS=OFF -DPOSTPROC_BUILD_DEMO=OFF
-	$(CMAKE) --build $(BENCH_DIR) -j$(BENCH_JOBS) --target postproc_bench postproc_count \
-		postproc_logcheck_bench
+	./tools/ensure-packages $(PACKAGES) $(BENCH_PACKAGES)
+	$(call QUIETLY,$(BENCH_DIR)/configure.log) $(CMAKE) -S . -B $(BENCH_DIR) \
+		$(BENCH_CMAKE_FLAGS) -DPOSTPROC_BUILD_BENCH=ON -DPOSTPROC_BUILD_TESTS=OFF \
+		-DPOSTPROC_BUILD_DEMO=OFF
+	$(call QUIETLY,$(BENCH_DIR)/build.log) $(CMAKE) --build $(BENCH_DIR) -j$(BENCH_JOBS) \
+		--target postproc_bench postproc_count postproc_logcheck_bench
 
 bench: bench-build
 	$(BENCH_DIR)/bin/postproc_bench $(BENCH_ARGS)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Reliability: the whole suite under AddressSanitizer with
 # UndefinedBehaviorSanitizer and under ThreadSanitizer, each in its own build
 # directory, and the libFuzzer target (clang). Lean builds: -O1, no demo, no
@@ -17,38 +18,46 @@ TSAN_ENV := TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan-suppressions.txt hal
 FUZZ_PACKAGES := clang-14 libclang-rt-14-dev
 FUZZ_DIR := build-fuzz
 FUZZ_SECONDS ?= 600
-FUZZ_ENV := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
 
-.PHONY: check-asan check-tsan fuzz fuzz-smoke fuzz-build
+.PHONY: check-asan check-tsan fuzz fuzz-smoke fuzz-build fuzz-seconds
+
+# $(call SANITIZED,directory,sanitizer,environment)
+SANITIZED = $(call QUIETLY,$(1)/configure.log) $(CMAKE) -S . -B $(1) $(SAN_CMAKE_FLAGS) \
+		-DPOSTPROC_SANITIZE=$(2) && \
+	$(call QUIETLY,$(1)/build.log) $(CMAKE) --build $(1) -j$(SAN_JOBS) && \
+	cd $(1) && $(call QUIETLY,$(CURDIR)/$(1)/ctest.log) env $(call SAN_LIBRARY_PATH,$(1)) $(3) \
+		ctest --output-on-failure -j$(SAN_JOBS) && \
+	tail -n 3 $(CURDIR)/$(1)/ctest.log | head -n 1
 
 check-asan: deps
-	$(CMAKE) -S . -B build-asan $(SAN_CMAKE_FLAGS) -DPOSTPROC_SANITIZE=address
-	$(CMAKE) --build build-asan -j$(SAN_JOBS)
-	cd build-asan && $(call SAN_LIBRARY_PATH,build-asan) $(ASAN_ENV) ctest --output-on-failure -j$(SAN_JOBS)
+	$(call SANITIZED,build-asan,address,$(ASAN_ENV))
+	echo "check-asan: the suite passed under AddressSanitizer with UBSan"
 
 check-tsan: deps
-	$(CMAKE) -S . -B build-tsan $(SAN_CMAKE_FLAGS) -DPOSTPROC_SANITIZE=thread
-	$(CMAKE) --build build-tsan -j$(SAN_JOBS)
-	cd build-tsan && $(call SAN_LIBRARY_PATH,build-tsan) $(TSAN_ENV) ctest --output-on-failure -j$(SAN_JOBS)
+	$(call SANITIZED,build-tsan,thread,$(TSAN_ENV))
+	echo "check-tsan: the suite passed under ThreadSanitizer"
 
 fuzz-build: deps
-	@./tools/ensure-packages $(FUZZ_PACKAGES)
-	$(CMAKE) -S . -B $(FUZZ_DIR) -DCMAKE_CXX_COMPILER=clang++-14 -DPOSTPROC_SANITIZE=address \
-		-DPOSTPROC_BUILD_FUZZ=ON -DPOSTPROC_BUILD_TESTS=OFF $(SAN_CMAKE_FLAGS)
-	$(CMAKE) --build $(FUZZ_DIR) -j$(SAN_JOBS) --target postproc_fuzz logcheck_fuzz
+	./tools/ensure-packages $(FUZZ_PACKAGES)
+	$(call QUIETLY,$(FUZZ_DIR)/configure.log) $(CMAKE) -S . -B $(FUZZ_DIR) \
+		-DCMAKE_CXX_COMPILER=clang++-14 -DPOSTPROC_SANITIZE=address -DPOSTPROC_BUILD_FUZZ=ON \
+		-DPOSTPROC_BUILD_TESTS=OFF $(SAN_CMAKE_FLAGS)
+	$(call QUIETLY,$(FUZZ_DIR)/build.log) $(CMAKE) --build $(FUZZ_DIR) -j$(SAN_JOBS) \
+		--target postproc_fuzz logcheck_fuzz
 
-# One target for a number of seconds: new inputs go to its build directory,
-# the committed seeds stay as they are.
-# $(call FUZZ_RUN,target,seeds,seconds,max_len)
-FUZZ_RUN = mkdir -p $(FUZZ_DIR)/$(1)-corpus $(FUZZ_DIR)/artifacts && \
-	$(FUZZ_ENV) $(FUZZ_DIR)/bin/$(1) -max_total_time=$(3) -timeout=10 -max_len=$(4) \
-		-print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/artifacts/ $(FUZZ_DIR)/$(1)-corpus $(2)
+# Each target for FUZZ_SECONDS; new inputs go to the build directory, the
+# committed seeds stay as they are.
+fuzz-seconds:
+	case "$(FUZZ_SECONDS)" in ''|*[!0-9]*|0) \
+		echo "FUZZ_SECONDS must be a whole number of seconds above 0, not \"$(FUZZ_SECONDS)\""; \
+		exit 2;; esac
 
-fuzz: fuzz-build
-	$(call FUZZ_RUN,postproc_fuzz,fuzz/corpus,$(FUZZ_SECONDS),512)
-	$(call FUZZ_RUN,logcheck_fuzz,fuzz/logcheck-corpus,$(FUZZ_SECONDS),16384)
+fuzz: fuzz-seconds fuzz-build
+	./tools/run-fuzzer $(FUZZ_DIR) postproc_fuzz fuzz/corpus $(FUZZ_SECONDS) 512
+	./tools/run-fuzzer $(FUZZ_DIR) logcheck_fuzz fuzz/logcheck-corpus $(FUZZ_SECONDS) 16384
 
 # The record for 40 s, the log checker for 20 s.
 fuzz-smoke: fuzz-build
-	$(call FUZZ_RUN,postproc_fuzz,fuzz/corpus,40,512)
-	$(call FUZZ_RUN,logcheck_fuzz,fuzz/logcheck-corpus,20,16384)
+	./tools/run-fuzzer $(FUZZ_DIR) postproc_fuzz fuzz/corpus 40 512
+	./tools/run-fuzzer $(FUZZ_DIR) logcheck_fuzz fuzz/logcheck-corpus 20 16384
+	echo "fuzz-smoke: no finding"

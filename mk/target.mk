@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Proof on the target: the suite on AArch64 under qemu, the device build file
 # built through mini-soong, and the library's binary interface against its
 # committed baseline. See docs/target.md.
@@ -6,7 +7,7 @@
 CROSS_PACKAGES := cmake make g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6:arm64 \
 	android-liblog-dev:arm64 android-libcutils-dev:arm64 android-libbase-dev:arm64
 AARCH64_PACKAGES := $(CROSS_PACKAGES) libgtest-dev:arm64 libgmock-dev:arm64 qemu-user
-BP_PACKAGES := make gcc g++ dpkg-dev blueprint-tools mini-soong \
+BP_PACKAGES := make gcc g++ dpkg-dev python3 blueprint-tools mini-soong \
 	android-liblog-dev android-libcutils-dev android-libbase-dev
 ABI_PACKAGES := $(CROSS_PACKAGES) abigail-tools
 
@@ -20,34 +21,45 @@ ABIDW := abidw --exported-interfaces-only --no-corpus-path --no-comp-dir-path --
 .PHONY: check-aarch64 check-bp abi-check abi-update abi-build
 
 check-aarch64:
-	@./tools/ensure-packages $(AARCH64_PACKAGES)
-	$(CMAKE) --preset aarch64
-	$(CMAKE) --build --preset aarch64 -j$(JOBS)
-	ctest --preset aarch64 -j$(JOBS)
+	./tools/ensure-packages $(AARCH64_PACKAGES)
+	$(call QUIETLY,build-aarch64/configure.log) $(CMAKE) --preset aarch64
+	$(call QUIETLY,build-aarch64/build.log) $(CMAKE) --build --preset aarch64 -j$(JOBS)
+	$(call QUIETLY,build-aarch64/ctest.log) ctest --preset aarch64 -j$(JOBS)
+	echo "check-aarch64: $$(grep -o '[0-9]* tests failed out of [0-9]*' build-aarch64/ctest.log) under qemu-aarch64"
 
+# Formatted, every property known to its module type (a misspelled one is
+# refused: the check is tried on one), and the library and the log checker
+# built through mini-soong outside the source tree.
 check-bp:
-	@./tools/ensure-packages $(BP_PACKAGES)
-	@diff=$$(bpfmt -d Android.bp) || exit 1; \
+	./tools/ensure-packages $(BP_PACKAGES)
+	diff=$$(bpfmt -d Android.bp) || exit 1; \
 	if [ -n "$$diff" ]; then \
 		printf '%s\n' "$$diff"; echo "Android.bp is not formatted: run bpfmt -w Android.bp"; exit 1; \
 	fi
-	rm -rf build-soong
-	./tools/soong-host-build build-soong
-	tests/check_exports.sh build-soong/libpostprocinfo.so
+	./tools/check-bp Android.bp >/dev/null || ./tools/check-bp Android.bp
+	out=$$(mktemp -d) && trap 'rm -rf "$$out"' EXIT && \
+	sed 's/integer_overflow: true/integer_overflw: true/' Android.bp >$$out/misspelled.bp && \
+	if ./tools/check-bp $$out/misspelled.bp >/dev/null; then \
+		echo "check-bp: a misspelled property was accepted"; exit 1; fi && \
+	$(call QUIETLY,$$out/soong.log) ./tools/soong-host-build $$out/soong && \
+	tests/check_exports.sh $$out/soong/libpostprocinfo.so >/dev/null && \
+	$$out/soong/postproc-logcheck -h >/dev/null
+	echo "check-bp: Android.bp formatted, every property known, built through mini-soong"
 
 abi-build:
-	@./tools/ensure-packages $(ABI_PACKAGES)
-	$(CMAKE) --preset aarch64-abi
-	$(CMAKE) --build --preset aarch64-abi -j$(JOBS)
+	./tools/ensure-packages $(ABI_PACKAGES)
+	$(call QUIETLY,$(ABI_BUILD)/configure.log) $(CMAKE) --preset aarch64-abi
+	$(call QUIETLY,$(ABI_BUILD)/build.log) $(CMAKE) --build --preset aarch64-abi -j$(JOBS)
 
 abi-check: abi-build
 	$(ABIDW) $(ABI_BUILD)/lib/libpostprocinfo.so >$(ABI_BUILD)/libpostprocinfo.aarch64.abi
-	@abidiff $(ABI_BASELINE) $(ABI_BUILD)/libpostprocinfo.aarch64.abi || { \
+	abidiff $(ABI_BASELINE) $(ABI_BUILD)/libpostprocinfo.aarch64.abi || { \
 		echo "the binary interface differs from $(ABI_BASELINE);"; \
 		echo "if the change is meant, run make abi-update and commit the baseline"; exit 1; }
-	@echo "abi: the library's binary interface matches $(ABI_BASELINE)"
+	echo "abi-check: the library's binary interface matches $(ABI_BASELINE)"
 
 abi-update: abi-build
 	$(ABIDW) $(ABI_BUILD)/lib/libpostprocinfo.so >$(ABI_BUILD)/libpostprocinfo.aarch64.abi
-	@mkdir -p $(dir $(ABI_BASELINE))
+	mkdir -p $(dir $(ABI_BASELINE))
 	cp $(ABI_BUILD)/libpostprocinfo.aarch64.abi $(ABI_BASELINE)
+	echo "abi-update: $(ABI_BASELINE) rewritten; commit it with the change"

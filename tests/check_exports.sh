@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The library exports the record class and its statics and nothing else,
 # and carries no simulation code of its own.
 set -eu

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CHI metadata objects of a record: creation arguments, the live counter,
 // destruction exactly once, dumps, and the references the record takes,
 // gives back, tests and resets.

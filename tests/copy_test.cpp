@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Copies of a record (deep copy, clone, shallow clone) and its reuse after
 // reset(): what is new, what is shared, who references what.
 #include <sim/iqbm.h>

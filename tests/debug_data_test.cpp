@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Debug data held by reference: one reference per distinct buffer with
 // either keeper, given back exactly once, and the keep operations from
 // several threads.

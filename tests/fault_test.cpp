@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Faults of the platform (CHI metadata objects that are not made, camera
 // metadata that cannot be allocated) and bad input from the host: the record
 // answers with its log lines or with nothing, and the ledger still balances.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Run with "persist.vendor.camera.enableIQBM" at 0: the manager library is
 // still opened at load, but no entry point is ever called. This binary does
 // not link the manager, so that only the record's dlopen can have loaded it.

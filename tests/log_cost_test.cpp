@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What logging and the data model cost a record. A line that does not write
 // evaluates and formats nothing; a line that writes formats once per sink and
 // never allocates; a lifecycle allocates, step by step, what the record's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log conventions: which sink writes under which level, group and mask,
 // the prefix, and arguments evaluated once per writing sink only.
 #define LOG_TAG "KyCamAdapter"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log checker against the simulation's ledger: the library's own lines,
 // written as logcat writes them, must rebuild the books the simulation kept,
 // and each host rule broken on purpose must come back as exactly the finding

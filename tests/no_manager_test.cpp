@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A process in which "libiqdbgmgr.so" cannot be opened, with
 // "persist.vendor.camera.enableIQBM" at 0: the library still loads, and its
 // records keep debug data through the framework's counters. ctest runs the

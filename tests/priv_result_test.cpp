@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private result metadata: creation for a camera set, reuse decisions,
 // destruction, attachment to the HAL request and reconciliation with the
 // capture result, with every reference checked in the CHI ledger.

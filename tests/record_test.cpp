@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Record lifetime: the instance counter, the IQ buffer manager registration
 // at the 0/1 boundaries, the lifetime log lines and the trivial operations.
 #include <QcomPostProcInfo.h>

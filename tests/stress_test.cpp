@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records made, kept, cloned and dropped on several threads at once, and debug
 // data kept on one shared record from all of them. Afterwards the class
 // counters, the IQ buffer manager's registration and every reference must be
@@ -129,7 +130,7 @@ TEST_F(StressTest, RecordsLiveAndDieOnEveryThread) {
 TEST_F(StressTest, OneRecordKeepsDebugDataFromEveryThread) {
     auto shared = std::make_unique<QcomPostProcInfo>();
     shared->createPrivResultMeta(ids, true, attributes);
-    onThreads([this, &shared](int t, int i) {
+    onThreads([&shared](int t, int i) {
         DebugData data = buffer(t * 3 + i);
         shared->keep3aDebugData(i % 3, &data, false);
         DebugDataTuningMetaArray array = {2, {buffer(i), buffer(t)}};

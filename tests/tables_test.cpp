@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The load-time feature tables have internal linkage, so this test compiles
 // the library's source unit into itself to read them.
 #include "QcomPostProcInfo.cpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tuning parameters, translation to Android metadata and the tuning
 // metadata exchange: sizes, order, first entry wins, what moves and who gives
 // each buffer back.

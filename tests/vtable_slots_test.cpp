@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The virtual slots of the record as the host framework sees them: the
 // framework is compiled against PostProcInfo alone and calls slot k of
 // whatever vtable a record carries. The vtable of a live record is read the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Debug data descriptors of the host framework and its reference counters.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the private result metadata of a request are created.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mediator between the host framework's post-processing stages.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tuning parameters exchanged between a post-processing info record and the
 // post-processing algorithms. The maps own their nodes only: neither the
 // camera metadata nor the debug buffers are freed with the object.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log facility of the host camera framework (kydebug).
 //
 // Every adapter log line has an Android priority, a group bit and a message,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Qualcomm CHI extension module, the part this library uses.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Qualcomm CHI metadata object, the members this library calls. The object's
 // layout is the platform's; callers only hold pointers to it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Camera HAL3 capture request and result as extended by the platform vendor
 // with private result metadata. Standard members keep their Android names;
 // the vendor members follow them. The 64-bit offsets are fixed by the HAL.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Entry points of the IQ buffer manager, "libiqdbgmgr.so", loaded at run time.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Android camera metadata library (system/media/camera), the functions this
 // library uses. The buffer is opaque.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host stand-in for the Android camera metadata library: buffers know their
 // capacities and carry a content text instead of real entries.
 #include <sim/camera_metadata.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host stand-in for the CHI metadata objects and the extension module.
 // Every call is journaled; calls on null, unknown or destroyed objects and
 // references below zero are reported as misuse instead of crashing.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host stand-in for the host camera framework: the log facility with its
 // globals, the debug data reference counters and the bodies of the
 // framework's types.
@@ -33,6 +34,7 @@ std::mutex gLogMutex;
 std::vector<sim::kycam::LogLine> gLines;
 bool gCapture = true;
 FILE* gEcho = nullptr;
+bool gEchoLogSystem = true;
 
 std::mutex gRefMutex;
 
@@ -104,7 +106,7 @@ void Log::logSystem(uint32_t group, const char* level, const char* fileName, con
         gLines.push_back({sim::kycam::Sink::LogSystem, letterPriority(level), "", group, level,
                           fileName, function, line, message, getpid(), threadId()});
     }
-    if (gEcho != nullptr) {
+    if (gEcho != nullptr && gEchoLogSystem) {
         fprintf(gEcho, "[kylog %s] %s %s:%d %s() %s\n", level, kyaGroupToString(group), fileName,
                 line, function, message);
     }
@@ -192,10 +194,11 @@ void setLogConfig(int32_t level, uint32_t group, uint32_t debugMask) {
     gKyCamDebugMask = debugMask;
 }
 
-void setLogOutput(bool capture, FILE* echo) {
+void setLogOutput(bool capture, FILE* echo, bool echoLogSystem) {
     std::lock_guard<std::mutex> lock(gLogMutex);
     gCapture = capture;
     gEcho = echo;
+    gEchoLogSystem = echoLogSystem;
 }
 
 std::vector<LogLine> lines() {

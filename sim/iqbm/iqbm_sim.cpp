@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host stand-in for the IQ buffer manager. It keeps a reference count per
 // buffer and the registration of its one client; registering twice,
 // unregistering when not registered, and reference calls from an

@@ -1,9 +1,11 @@
+// SPDX-License-Identifier: Apache-2.0
 // libcutils' property functions, which Debian's host libcutils does not
 // ship, served from libbase's in-process property store.
 #include <cutils/properties.h>
 #include <sim/properties.h>
 
 #include <errno.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -14,26 +16,33 @@
 
 namespace {
 
-// Seeds the store from the environment once, before the first access.
+// Seeds the store from the environment once, before the first access. A
+// malformed entry stops the process: a run against properties other than
+// the ones asked for would prove nothing.
 void seedFromEnvironment() {
     static std::once_flag once;
     std::call_once(once, [] {
         const char* seed = getenv(sim::properties::kEnvironment);
-        if (seed == nullptr) {
+        if (seed == nullptr || seed[0] == '\0') {
             return;
         }
-        std::string pairs = seed;
+        const std::string pairs = seed;
         size_t start = 0;
-        while (start < pairs.size()) {
+        while (start <= pairs.size()) {
             size_t end = pairs.find(',', start);
-            if (end == std::string::npos) {
-                end = pairs.size();
+            end = end == std::string::npos ? pairs.size() : end;
+            const std::string pair = pairs.substr(start, end - start);
+            const size_t equals = pair.find('=');
+            if (equals == 0 || equals == std::string::npos ||
+                pair.find_first_of(" \t") != std::string::npos ||
+                pair.size() - equals - 1 >= PROPERTY_VALUE_MAX) {
+                fprintf(stderr,
+                        "%s: malformed entry \"%s\": want key=value[,key=value...], no blanks, "
+                        "values shorter than %d\n",
+                        sim::properties::kEnvironment, pair.c_str(), PROPERTY_VALUE_MAX);
+                exit(2);
             }
-            std::string pair = pairs.substr(start, end - start);
-            size_t equals = pair.find('=');
-            if (equals != std::string::npos) {
-                android::base::SetProperty(pair.substr(0, equals), pair.substr(equals + 1));
-            }
+            android::base::SetProperty(pair.substr(0, equals), pair.substr(equals + 1));
             start = end + 1;
         }
     });

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's captured Android lines written as logcat writes them:
 // liblog's own formatter for the -v formats, logger entries for -B; and run
 // back through the log checker.

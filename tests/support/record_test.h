@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixture for tests of one record's private results: request building, HAL
 // objects the capture result brings, and a ledger that must balance once the
 // record and the HAL's leftovers are gone.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test fixture over the host simulation: every test starts from empty books,
 // with every log line of both sinks captured, and ends with no misuse seen.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host stand-in for bionic's <sys/system_properties.h>, which libcutils'
 // <cutils/properties.h> includes for the two size limits.
 #pragma once

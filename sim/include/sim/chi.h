@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ledger of the simulated CHI metadata objects.
 #pragma once
 

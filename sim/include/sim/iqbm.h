@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ledger of the simulated IQ buffer manager, "libiqdbgmgr.so".
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ordered journal of the simulated platform calls, shared by every stand-in
 // library, and the list of misuses they detected.
 #pragma once

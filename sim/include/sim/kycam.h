@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ledger of the simulated host framework: its log facility (both sinks
 // captured) and its debug data reference counters.
 #pragma once
@@ -30,8 +31,9 @@ struct LogLine {
 // Sets gKyCamLogLevel, gKyCamLogGroup and gKyCamDebugMask.
 void setLogConfig(int32_t level, uint32_t group, uint32_t debugMask);
 // Where written lines go: capture keeps them for lines(), echo prints them
-// (null for none). With both off a line is still formatted, then dropped.
-void setLogOutput(bool capture, FILE* echo);
+// (null for none; the log system's lines only with echoLogSystem). With both
+// off a line is still formatted, then dropped.
+void setLogOutput(bool capture, FILE* echo, bool echoLogSystem = true);
 std::vector<LogLine> lines();
 // Texts of the captured lines of one sink, in order.
 std::vector<std::string> texts(Sink sink);

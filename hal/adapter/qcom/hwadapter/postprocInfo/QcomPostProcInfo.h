@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Post-processing info record of the Qualcomm CHI adapter: one per
 // post-processed capture request. It holds the request's private result
 // metadata, keeps the frame's debug data alive by reference and exchanges

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+// One request on a host: private results for two cameras, attached to the
+// HAL request, reconciled with a result in which the HAL filled camera 1
+// with an object of its own, and the record ended. Then the books.
+#include "QcomPostProcInfo.h"
+
+#include <chi/chxmetadata.h>
+#include <sim/chi.h>
+#include <sim/kycam.h>
+#include <stdio.h>
+
+int main() {
+    sim::kycam::setLogConfig(3, 64 | 128, 0);  // Debug and up, both groups
+    sim::kycam::setLogOutput(false, stdout);
+    auto record = std::make_unique<adapter::QcomPostProcInfo>();
+    std::set<std::string> cameras = {"0", "1"};
+    adapter::PostProcInfoMetaAttributes attributes = {};
+    record->createPrivResultMeta(cameras, true, attributes);
+    camera3_capture_request request = {};
+    record->setHalRequestPrivResultMeta(&request);
+    // The HAL's side: it holds a reference on every object it is handed.
+    auto* own = static_cast<ChiMetadata*>(
+            ChiMetadata::Create(nullptr, 0, false, nullptr, 0, 0, 0, nullptr));
+    for (void* meta : {request.priv_result, request.priv_physcam_result[1], (void*)own}) {
+        static_cast<ChiMetadata*>(meta)->AddReference(nullptr);
+    }
+    const char* ids[] = {"0", "1"};
+    void* filled[] = {request.priv_physcam_result[0], own};
+    camera3_capture_result result = {};
+    result.num_physcam_metadata = 2;
+    result.physcam_ids = ids;
+    result.priv_metadata = request.priv_result;
+    result.priv_physcam_metadata = filled;
+    record->checkAndUpdatePrivResult(&result);
+    record.reset();
+    const sim::chi::Totals books = sim::chi::totals();
+    printf("CHI metadata objects: %zu made, %zu ended, %zu alive\n", books.created, books.destroyed,
+           books.alive);
+    return books.alive == 0 ? 0 : 1;
+}
