@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "logcheck.h"
-
 #include <errno.h>
-
 #include <inttypes.h>
 
 #include <algorithm>
-#include <vector>
+
+#include "logcheck.h"
 
 namespace logcheck {
 
@@ -18,10 +16,7 @@ std::vector<Finding> sortedFindings(const Checker& checker) {
         all.insert(all.end(), process.findings.begin(), process.findings.end());
     }
     std::stable_sort(all.begin(), all.end(), [](const Finding& a, const Finding& b) {
-        if (a.kind != b.kind) {
-            return a.kind < b.kind;
-        }
-        return a.certain > b.certain;
+        return a.kind != b.kind ? a.kind < b.kind : a.certain > b.certain;
     });
     return all;
 }
@@ -33,42 +28,29 @@ std::string pointer(uint64_t object) {
 }
 
 // The checks the log's lines could not support, and why.
-std::vector<std::string> notChecked(const Seen& seen) {
+std::vector<std::string> notChecked(const Checker& checker) {
+    const Seen& seen = checker.seen();
     std::vector<std::string> missing;
+    if (checker.libraryLines() == 0) {
+        return missing;
+    }
     if (!seen.lifetime) {
-        missing.push_back(
-                "record-leak, debug-data-leak: no Debug line of group 128 (record lifetime, "
-                "debug data references)");
+        missing.push_back("record-leak, debug-data-leak: no Debug line of group 128");
     }
     if (!seen.metaInfo) {
         missing.push_back(
                 "chi-meta-leak, chi-meta-double-destroy, reference-underflow: no Info line of "
-                "group 64 (CHI metadata objects and references)");
+                "group 64");
     }
     if (seen.lifetime && !seen.metaDebug) {
         missing.push_back("debug-data-leak of freed buffers: no Debug line of group 64");
     }
-    if (seen.tracesOff) {
+    if (seen.metaInfo && !seen.traces) {
         missing.push_back(
-                "reference-underflow in result reconciliation: its reference traces need "
-                "gKyCamLogLevel below 3");
+                "reference-underflow in result reconciliation: no reference trace (gKyCamLogLevel "
+                "below 3)");
     }
     return missing;
-}
-
-void jsonCount(FILE* out, const char* name, const Count& count, bool last) {
-    fprintf(out,
-            "\"%s\": {\"created\": %" PRIu64 ", \"before\": %" PRIu64 ", \"ended\": %" PRIu64
-            ", \"alive\": %" PRIu64 "}%s",
-            name, count.created, count.before, count.ended, count.alive(), last ? "" : ", ");
-}
-
-void jsonTotals(FILE* out, const Totals& totals) {
-    fprintf(out, "{");
-    jsonCount(out, "records", totals.records, false);
-    jsonCount(out, "chi_metas", totals.chiMetas, false);
-    jsonCount(out, "debug_data", totals.debugData, true);
-    fprintf(out, "}");
 }
 
 void jsonString(FILE* out, const std::string& text) {
@@ -83,6 +65,24 @@ void jsonString(FILE* out, const std::string& text) {
         }
     }
     fputc('"', out);
+}
+
+void jsonTotals(FILE* out, const Totals& totals) {
+    const std::pair<const char*, const Count*> families[] = {{"records", &totals.records},
+                                                             {"chi_metas", &totals.chiMetas},
+                                                             {"debug_data", &totals.debugData}};
+    for (const auto& [name, count] : families) {
+        fprintf(out,
+                "%s\"%s\": {\"created\": %" PRIu64 ", \"before\": %" PRIu64 ", \"ended\": %" PRIu64
+                ", \"alive\": %" PRIu64 "}",
+                name == families[0].first ? "{" : ", ", name, count->created, count->before,
+                count->ended, count->alive());
+    }
+    fputc('}', out);
+}
+
+const char* plural(size_t n, const char* one, const char* many) {
+    return n == 1 ? one : many;
 }
 
 }  // namespace
@@ -100,11 +100,10 @@ bool readLog(int fd, Format format, Checker& checker, InputStats& stats, int* er
         }
         stats.format = Format::Binary;
         BinaryReader binary(reader);
-        BinaryReader::Result result;
-        while (!*stop && (result = binary.next(&entry)) != BinaryReader::Result::End) {
-            ++stats.lines;
+        for (BinaryReader::Result result;
+             !*stop && (result = binary.next(&entry)) != BinaryReader::Result::End;) {
+            entry.line = ++stats.lines;
             if (result == BinaryReader::Result::Entry) {
-                entry.line = stats.lines;
                 checker.add(entry);
             } else {
                 ++stats.skipped;
@@ -115,68 +114,58 @@ bool readLog(int fd, Format format, Checker& checker, InputStats& stats, int* er
         std::string_view line;
         bool cut = false;
         while (!*stop && reader.line(&line, &cut)) {
-            ++stats.lines;
-            switch (cut ? TextParser::Result::Skipped : parser.feed(line, stats.lines, &entry)) {
-                case TextParser::Result::Entry:
-                    checker.add(entry);
-                    break;
-                case TextParser::Result::Marker:
-                    ++stats.markers;
-                    break;
-                case TextParser::Result::Skipped:
-                    ++stats.skipped;
-                    break;
-                case TextParser::Result::Continuation:
-                    break;
+            const auto result =
+                    cut ? TextParser::Result::Skipped : parser.feed(line, ++stats.lines, &entry);
+            stats.lines += cut ? 1 : 0;
+            stats.markers += result == TextParser::Result::Marker ? 1 : 0;
+            stats.skipped += result == TextParser::Result::Skipped ? 1 : 0;
+            if (result == TextParser::Result::Entry) {
+                checker.add(entry);
             }
         }
-        if (parser.seen() != Format::Auto) {
-            stats.format = parser.seen();
-        }
+        stats.format = parser.seen() != Format::Auto ? parser.seen() : stats.format;
     }
     *error = reader.error();
     return *error == 0 || (*error == EINTR && *stop);
 }
 
 std::string describe(const Finding& f) {
-    char where[160];
+    char where[96];
     snprintf(where, sizeof(where), " pid %d tid %d lines %" PRIu64 "-%" PRIu64, f.pid, f.tid,
              f.firstLine, f.lastLine);
-    std::string text = std::string(kindName(f.kind)) + " " + pointer(f.object) + where;
-    text += f.rule != nullptr ? std::string(" rule ") + f.rule : std::string();
-    text += f.certain ? "" : " (uncertain)";
-    text += f.processEnded ? " (process ended)" : "";
-    return text + (f.detail.empty() ? "" : ": " + f.detail);
+    return std::string(kindName(f.kind)) + " " + pointer(f.object) + where +
+           (f.rule != nullptr ? std::string(" rule ") + f.rule : "") +
+           (f.certain ? "" : " (uncertain)") + (f.processEnded ? " (process ended)" : "") +
+           (f.detail.empty() ? "" : ": " + f.detail);
 }
 
 void printHuman(FILE* out, const Checker& checker, const InputStats& input) {
     const std::vector<Finding> findings = sortedFindings(checker);
+    const size_t processes = checker.processes().size();
     const size_t uncertain = static_cast<size_t>(std::count_if(
             findings.begin(), findings.end(), [](const Finding& f) { return !f.certain; }));
-    const size_t processes = checker.processes().size();
     if (findings.empty()) {
-        fprintf(out, "postproc-logcheck: no finding in %zu process%s\n", processes,
-                processes == 1 ? "" : "es");
+        fprintf(out, "postproc-logcheck: no finding in %zu %s\n", processes,
+                plural(processes, "process", "processes"));
     } else {
-        fprintf(out, "postproc-logcheck: %zu finding%s (%zu uncertain) in %zu process%s\n",
-                findings.size(), findings.size() == 1 ? "" : "s", uncertain, processes,
-                processes == 1 ? "" : "es");
+        fprintf(out, "postproc-logcheck: %zu %s (%zu uncertain) in %zu %s\n", findings.size(),
+                plural(findings.size(), "finding", "findings"), uncertain, processes,
+                plural(processes, "process", "processes"));
     }
     if (checker.libraryLines() == 0) {
         fprintf(out, "no KyCamAdapter line: nothing was checked\n");
     }
-    for (const Process& process : checker.processes()) {
-        fprintf(out, "\npid %d, lines %" PRIu64 "-%" PRIu64 "%s, %zu finding%s\n", process.pid,
-                process.firstLine, process.lastLine, process.ended ? ", process ended" : "",
-                process.findings.size(), process.findings.size() == 1 ? "" : "s");
+    for (const Process& p : checker.processes()) {
+        fprintf(out, "\npid %d, lines %" PRIu64 "-%" PRIu64 "%s, %zu %s\n", p.pid, p.firstLine,
+                p.lastLine, p.ended ? ", process ended" : "", p.findings.size(),
+                plural(p.findings.size(), "finding", "findings"));
         fprintf(out, "  %-12s %8s %8s %8s %8s\n", "family", "created", "before", "ended", "alive");
-        const std::pair<const char*, const Count*> rows[] = {
-                {"records", &process.totals.records},
-                {"chi metas", &process.totals.chiMetas},
-                {"debug data", &process.totals.debugData}};
-        for (const auto& [name, count] : rows) {
+        const std::pair<const char*, const Count*> rows[] = {{"records", &p.totals.records},
+                                                             {"chi metas", &p.totals.chiMetas},
+                                                             {"debug data", &p.totals.debugData}};
+        for (const auto& [name, c] : rows) {
             fprintf(out, "  %-12s %8" PRIu64 " %8" PRIu64 " %8" PRIu64 " %8" PRIu64 "\n", name,
-                    count->created, count->before, count->ended, count->alive());
+                    c->created, c->before, c->ended, c->alive());
         }
     }
     if (!findings.empty()) {
@@ -185,8 +174,8 @@ void printHuman(FILE* out, const Checker& checker, const InputStats& input) {
             fprintf(out, "  %s\n", describe(finding).c_str());
         }
     }
-    const std::vector<std::string> missing = notChecked(checker.seen());
-    if (checker.libraryLines() != 0 && !missing.empty()) {
+    const std::vector<std::string> missing = notChecked(checker);
+    if (!missing.empty()) {
         fprintf(out, "\nnot checked:\n");
         for (const std::string& reason : missing) {
             fprintf(out, "  %s\n", reason.c_str());
@@ -208,22 +197,17 @@ void printHuman(FILE* out, const Checker& checker, const InputStats& input) {
 void printJson(FILE* out, const Checker& checker, const InputStats& input) {
     const std::vector<Finding> findings = sortedFindings(checker);
     fprintf(out, "{\"verdict\": \"%s\", \"findings\": [", findings.empty() ? "clean" : "findings");
-    for (size_t i = 0; i < findings.size(); ++i) {
-        const Finding& f = findings[i];
+    for (const Finding& f : findings) {
         fprintf(out,
                 "%s{\"kind\": \"%s\", \"object\": \"%s\", \"pid\": %d, \"tid\": %d, "
                 "\"first_line\": %" PRIu64 ", \"last_line\": %" PRIu64 ", \"rule\": ",
-                i == 0 ? "" : ", ", kindName(f.kind), pointer(f.object).c_str(), f.pid, f.tid,
-                f.firstLine, f.lastLine);
-        if (f.rule != nullptr) {
-            jsonString(out, f.rule);
-        } else {
-            fprintf(out, "null");
-        }
+                &f == &findings[0] ? "" : ", ", kindName(f.kind), pointer(f.object).c_str(), f.pid,
+                f.tid, f.firstLine, f.lastLine);
+        f.rule != nullptr ? jsonString(out, f.rule) : (void)fputs("null", out);
         fprintf(out, ", \"certain\": %s, \"process_ended\": %s, \"detail\": ",
                 f.certain ? "true" : "false", f.processEnded ? "true" : "false");
         jsonString(out, f.detail);
-        fprintf(out, "}");
+        fputc('}', out);
     }
     Totals totals;
     for (const Process& process : checker.processes()) {
@@ -232,21 +216,20 @@ void printJson(FILE* out, const Checker& checker, const InputStats& input) {
     fprintf(out, "], \"totals\": ");
     jsonTotals(out, totals);
     fprintf(out, ", \"processes\": [");
-    for (size_t i = 0; i < checker.processes().size(); ++i) {
-        const Process& p = checker.processes()[i];
+    for (const Process& p : checker.processes()) {
         fprintf(out,
                 "%s{\"pid\": %d, \"ended\": %s, \"first_line\": %" PRIu64
                 ", \"last_line\": %" PRIu64 ", \"findings\": %zu, \"totals\": ",
-                i == 0 ? "" : ", ", p.pid, p.ended ? "true" : "false", p.firstLine, p.lastLine,
-                p.findings.size());
+                &p == &checker.processes()[0] ? "" : ", ", p.pid, p.ended ? "true" : "false",
+                p.firstLine, p.lastLine, p.findings.size());
         jsonTotals(out, p.totals);
-        fprintf(out, "}");
+        fputc('}', out);
     }
     fprintf(out, "], \"not_checked\": [");
-    const std::vector<std::string> missing = notChecked(checker.seen());
-    for (size_t i = 0; i < missing.size() && checker.libraryLines() != 0; ++i) {
-        fprintf(out, "%s", i == 0 ? "" : ", ");
-        jsonString(out, missing[i]);
+    const std::vector<std::string> missing = notChecked(checker);
+    for (const std::string& reason : missing) {
+        fputs(&reason == &missing[0] ? "" : ", ", out);
+        jsonString(out, reason);
     }
     fprintf(out,
             "], \"input\": {\"format\": \"%s\", \"lines\": %" PRIu64 ", \"library_lines\": %" PRIu64
