@@ -1,21 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // What logging and the data model cost a record. A line that does not write
 // evaluates and formats nothing; a line that writes formats once per sink and
-// never allocates; a lifecycle allocates, step by step, what the record's
-// containers need and nothing more (the benchmarks' hand-written floor).
-// The process counts its mallocs and formats (bench/probes.cpp); platform
-// calls are read from the simulation's journal.
+// never allocates; a lifecycle makes the platform calls of the benchmarks'
+// hand-written floor (bench/workload.h) and allocates, step by step, what it
+// does. The process counts its mallocs and formats (support/probes.cpp).
 #include <QcomPostProcInfo.h>
 
-#include "probes.h"
-#include "steps.h"
+#include "support/probes.h"
 #include "support/sim_test.h"
 #include "workload.h"
 
 using adapter::QcomPostProcInfo;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using namespace workload;
+using workload::Result;
 
 namespace {
 
@@ -26,17 +24,38 @@ struct Sinks {
     int writing;  // sinks that write a group 64 Info line
 };
 
-const ResultKind kResults[] = {ResultKind::SameObjects, ResultKind::ReplaceOne,
-                               ResultKind::NewCameras};
-const Copy kCopies[] = {Copy::Clone, Copy::ShallowClone, Copy::Reset};
+// Allocations of each step; the bookkeeping's own are left out.
+struct Allocations : workload::Marks {
+    std::vector<long> steps;
+    long last = 0;
+    void operator()(const char* step) override {
+        if (!steps.empty()) {
+            steps.back() = probe::counts().allocations - last;
+        }
+        if (step != nullptr) {
+            steps.push_back(0);
+        }
+        last = probe::counts().allocations;
+    }
+};
+
+// After a first lifecycle: liblog and the simulation allocate once for what
+// they cache.
+std::vector<long> allocations(const workload::Workload& w, bool library) {
+    Allocations steps;
+    steps.steps.reserve(16);
+    workload::Marks none;
+    for (workload::Marks* marks : {&none, static_cast<workload::Marks*>(&steps)}) {
+        library ? workload::runLibrary(w, *marks) : workload::runFloor(w, *marks);
+        workload::settle();
+    }
+    return steps.steps;
+}
+
+const Result kResults[] = {Result::Same, Result::ReplaceOne, Result::NewCameras};
 
 class LogCostTest : public testsupport::SimTest {
   protected:
-    void SetUp() override {
-        SimTest::SetUp();
-        sim::setJournalEnabled(true);
-    }
-
     // createChiMeta and destroyChiMeta, whose Info lines read the reference
     // count for each sink that writes.
     probe::Counts createAndDestroy(const Sinks& sinks) {
@@ -50,23 +69,6 @@ class LogCostTest : public testsupport::SimTest {
         const probe::Counts cost = probe::counts() - before;
         sim::kycam::setLogConfig(7, 0, 0);
         return cost;
-    }
-
-    // The record's own allocations per step with every line of every level
-    // written to a logger that drops it, and with none written.
-    template <class W>
-    void expectLoggingAllocatesNothing(W&& w) {
-        sim::kycam::setLogConfig(0, 0xFFFFFFFF, 1);
-        const long formats = probe::counts().formats;
-        const std::vector<long> on = ownAllocationCounts(w, Form::Library);
-        EXPECT_GT(probe::counts().formats, formats) << "nothing was logged";
-        sim::kycam::setLogConfig(7, 0, 0);
-        EXPECT_EQ(on, ownAllocationCounts(w, Form::Library));
-    }
-
-    template <class W>
-    void expectFloorAllocations(W&& w) {
-        EXPECT_EQ(ownAllocationCounts(w, Form::Library), ownAllocationCounts(w, Form::Floor));
     }
 };
 
@@ -95,20 +97,19 @@ TEST_F(LogCostTest, LineFormatsPrefixAndMessageOncePerWritingSink) {
 TEST_F(LogCostTest, NoLineAllocatesAtAnyLevel) {
     sim::setJournalEnabled(false);
     sim::kycam::setLogOutput(false, nullptr);
-    for (ResultKind kind : kResults) {
-        Request rq(3, kind);
-        expectLoggingAllocatesNothing(requestWorkload(rq));
-    }
-    Request rq(3);
-    expectLoggingAllocatesNothing(offlineWorkload(rq));
-    for (Copy copy : kCopies) {
-        Sources sources(rq, copy);
-        expectLoggingAllocatesNothing(sources.workload());
+    for (Result result : kResults) {
+        const workload::Workload w{workload::Kind::Request, 3, -1, result};
+        sim::kycam::setLogConfig(0, 0xFFFFFFFF, 1);
+        const long formats = probe::counts().formats;
+        const std::vector<long> on = allocations(w, true);
+        EXPECT_GT(probe::counts().formats, formats) << "nothing was logged";
+        sim::kycam::setLogConfig(7, 0, 0);
+        EXPECT_EQ(on, allocations(w, true));
     }
     // The Error lines: a null handle, a handle destroyed twice, no object.
     auto errorLines = [](int32_t level, uint32_t groups) {
         QcomPostProcInfo record;
-        settle();
+        workload::settle();
         sim::kycam::setLogConfig(level, groups, 1);
         const long before = probe::counts().allocations;
         void* meta = nullptr;
@@ -123,31 +124,28 @@ TEST_F(LogCostTest, NoLineAllocatesAtAnyLevel) {
     EXPECT_EQ(errorLines(0, 0xFFFFFFFF), errorLines(7, 0));
 }
 
-TEST_F(LogCostTest, LifecycleAllocatesWhatTheContainersNeed) {
+TEST_F(LogCostTest, LifecycleAllocatesAndCallsWhatTheFloorDoes) {
     sim::kycam::setLogOutput(false, nullptr);
     sim::kycam::setLogConfig(7, 0, 0);
-    Request three(3);
-    auto w = requestWorkload(three);
-    const auto calls = platformCalls(w);
-    EXPECT_EQ(calls[0], calls[1]);
-    EXPECT_EQ(calls[0], calls[2]);
-    sim::setJournalEnabled(false);
-    // construct: the name; createPrivResultMeta: four tag lists, three set
-    // and three map nodes, two arrays; keep3aDebugData: a map and a set node
-    // per camera; destroy: a node of the destroyed set per object.
-    EXPECT_THAT(ownAllocationCounts(w, Form::Library), ElementsAre(1, 12, 0, 0, 0, 6, 4));
-    for (int cameras : {1, 6, 16}) {
-        for (ResultKind kind : kResults) {
-            Request rq(cameras, kind);
-            expectFloorAllocations(requestWorkload(rq));
+    for (int cameras : {1, 3, 6, 16}) {
+        for (Result result : kResults) {
+            SCOPED_TRACE(testing::Message() << cameras << " cameras, result " << int(result));
+            const workload::Workload w{workload::Kind::Request, cameras, -1, result};
+            sim::setJournalEnabled(true);
+            sim::clearJournal();
+            workload::Marks none;
+            workload::runLibrary(w, none);
+            const std::vector<std::string> calls = sim::opSequence();
+            sim::clearJournal();
+            workload::runFloor(w, none);
+            EXPECT_EQ(sim::opSequence(), calls);
+            sim::setJournalEnabled(false);
+            workload::settle();
+            EXPECT_EQ(allocations(w, true), allocations(w, false));
         }
-        Request rq(cameras);
-        expectFloorAllocations(offlineWorkload(rq));
     }
-    for (Copy copy : kCopies) {
-        Sources sources(three, copy);
-        expectFloorAllocations(sources.workload());
-    }
+    EXPECT_EQ(allocations({workload::Kind::Empty, 1}, true),
+              allocations({workload::Kind::Empty, 1}, false));
 }
 
 }  // namespace

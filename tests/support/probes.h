@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counting hooks for the performance suite and its tests: heap allocations
+// Counting hooks for the tests of what logging and the data model cost: heap allocations
 // (the malloc family, which operator new also goes through) and printf-style
 // formats (the snprintf family, which liblog and the log system also go
 // through). Linking probes.cpp into an executable interposes these functions
