@@ -6,7 +6,7 @@
 // does. The process counts its mallocs and formats (support/probes.cpp).
 #include <QcomPostProcInfo.h>
 
-#include "support/probes.h"
+#include <sim/probes.h>
 #include "support/sim_test.h"
 #include "workload.h"
 

@@ -2,7 +2,7 @@
 // The executable's definitions come first in symbol lookup, so calls from
 // every shared library (the record, liblog, libstdc++) land here; each one
 // counts and goes on to glibc.
-#include "probes.h"
+#include <sim/probes.h>
 
 #include <dlfcn.h>
 #include <stdarg.h>

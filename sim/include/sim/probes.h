@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counting hooks for the tests of what logging and the data model cost: heap allocations
-// (the malloc family, which operator new also goes through) and printf-style
-// formats (the snprintf family, which liblog and the log system also go
-// through). Linking probes.cpp into an executable interposes these functions
+// The process's own ledger: heap allocations (the malloc family, which
+// operator new also goes through) and printf-style formats (the snprintf
+// family, which liblog and the log system also go through). Linking the
+// static library sim_probes into an executable interposes these functions
 // for the whole process; the counts are per thread.
 #pragma once
 
