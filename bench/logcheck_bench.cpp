@@ -4,10 +4,9 @@
 // them). Items/s is lines read per second; heap_kib the heap the ledgers hold
 // at the end of the log, which follows the objects alive, not its length.
 #include <benchmark/benchmark.h>
-#include <log/logprint.h>
 #include <logcheck.h>
 #include <malloc.h>
-#include <sim/kycam.h>
+#include <sim/logcat.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -21,33 +20,14 @@ std::string requestLog() {
     workload::Marks none;
     workload::runLibrary({workload::Kind::Request, 2}, none);
     sim::kycam::setLogOutput(false, nullptr);
-    AndroidLogFormat* format = android_log_format_new();
-    android_log_setPrintFormat(format, FORMAT_THREADTIME);
+    const std::string library = sim::logcat::write(sim::logcat::androidLines());
     std::string log;
-    for (const sim::kycam::LogLine& line : sim::kycam::lines()) {
-        if (line.sink != sim::kycam::Sink::Android) {
-            continue;
-        }
-        const AndroidLogEntry entry = {1700000000,
-                                       0,
-                                       android_LogPriority(line.priority),
-                                       1047,
-                                       1234,
-                                       1301,
-                                       line.tag.c_str(),
-                                       line.tag.size(),
-                                       line.text.size(),
-                                       line.text.c_str()};
-        char buffer[1024];
-        size_t length = 0;
-        const char* text =
-                android_log_formatLogLine(format, buffer, sizeof(buffer), &entry, &length);
-        log.append(text, length);
+    for (size_t at = 0, end; (end = library.find('\n', at)) != std::string::npos; at = end + 1) {
+        log.append(library, at, end + 1 - at);
         for (int i = 0; i < 9; ++i) {
             log += "11-14 22:13:20.000  1100  1187 I CameraService: frame 4711 delivered\n";
         }
     }
-    android_log_format_free(format);
     return log;
 }
 

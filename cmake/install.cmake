@@ -8,7 +8,7 @@ set(POSTPROC_INCLUDE ${CMAKE_INSTALL_INCLUDEDIR}/postprocinfo)
 set(POSTPROC_CMAKE ${CMAKE_INSTALL_LIBDIR}/cmake/PostProcInfo)
 
 install(TARGETS postprocinfo postproc_headers postproc_sim sim_ledger sim_camera_metadata sim_chi
-    sim_kycam sim_properties sim_iqbm
+    sim_kycam sim_properties sim_iqbm sim_logcat
   EXPORT PostProcInfoTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${POSTPROC_INCLUDE})
@@ -16,7 +16,7 @@ install(TARGETS postproc-logcheck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${POSTPROC_DIR}/QcomPostProcInfo.h DESTINATION ${POSTPROC_INCLUDE})
 install(DIRECTORY framework/ platform/ DESTINATION ${POSTPROC_INCLUDE}
   FILES_MATCHING PATTERN "*.h" PATTERN host EXCLUDE)
-install(DIRECTORY sim/include/sim DESTINATION ${POSTPROC_INCLUDE})
+install(DIRECTORY sim/include/sim DESTINATION ${POSTPROC_INCLUDE} PATTERN probes.h EXCLUDE)
 
 install(EXPORT PostProcInfoTargets NAMESPACE PostProcInfo:: DESTINATION ${POSTPROC_CMAKE})
 configure_package_config_file(cmake/PostProcInfoConfig.cmake.in

@@ -4,12 +4,14 @@
 #include <QcomPostProcInfo.h>
 #include <sim/camera_metadata.h>
 #include <sim/chi.h>
+#include <sim/hal.h>
 #include <sim/iqbm.h>
 #include <sim/journal.h>
 #include <sim/kycam.h>
+#include <sim/logcat.h>
 
-#include <chi/chxmetadata.h>
 #include <cutils/properties.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -68,15 +70,6 @@ void printChiObjects(const char* when) {
     }
 }
 
-// The HAL's side of a request: it holds a reference on every object it is
-// handed to fill, and may fill one of its own instead.
-void halTakes(const camera3_capture_request& request) {
-    static_cast<ChiMetadata*>(request.priv_result)->AddReference(nullptr);
-    for (uint32_t i = 0; i < request.num_priv_physcam_result; ++i) {
-        static_cast<ChiMetadata*>(request.priv_physcam_result[i])->AddReference(nullptr);
-    }
-}
-
 void twoCameraRequest() {
     heading("two-camera logical request; the result replaces camera 1's object");
     auto record = std::make_unique<QcomPostProcInfo>();
@@ -87,18 +80,12 @@ void twoCameraRequest() {
     camera3_capture_request request = {};
     request.frame_number = 42;
     record->setHalRequestPrivResultMeta(&request);
-    halTakes(request);
-
-    void* halOwn = ChiMetadata::Create(nullptr, 0, false, nullptr, 0, 0, 0, nullptr);
-    const char* ids[] = {"0", "1"};
-    void* filled[] = {record->mPrivPhyResultMap.at(0), halOwn};
-    camera3_capture_result result = {};
-    result.frame_number = 42;
-    result.num_physcam_metadata = 2;
-    result.physcam_ids = ids;
-    result.priv_metadata = request.priv_result;
-    result.priv_physcam_metadata = filled;
-    record->checkAndUpdatePrivResult(&result);
+    // The HAL holds a reference on every object it is handed to fill, and
+    // fills one of its own for camera 1 instead.
+    sim::hal::reference(request);
+    sim::hal::Result result(42, request.priv_result,
+                            {{"0", record->mPrivPhyResultMap.at(0)}, {"1", sim::hal::newMeta()}});
+    record->checkAndUpdatePrivResult(result.get());
     printf("parked for destruction: %zu object(s)\n", record->mReplacedPrivResults.size());
     printChiObjects("after reconciliation");
 
@@ -196,10 +183,22 @@ void recordsComeAndGo() {
 
 int main(int argc, char** argv) {
     // Every group and level, echoed here: the Android log, and with --both
-    // the framework's log system too.
-    const bool both = argc > 1 && strcmp(argv[1], "--both") == 0;
+    // the framework's log system too. --logcat FILE also writes the Android
+    // log as logcat -v threadtime prints it, for postproc-logcheck.
+    bool both = false;
+    const char* logcatFile = nullptr;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--both") == 0) {
+            both = true;
+        } else if (strcmp(argv[i], "--logcat") == 0 && i + 1 < argc) {
+            logcatFile = argv[++i];
+        } else {
+            fprintf(stderr, "usage: %s [--both] [--logcat FILE]\n", argv[0]);
+            return 2;
+        }
+    }
     sim::kycam::setLogConfig(0, 0xFFFFFFFF, both ? 1 : 0);
-    sim::kycam::setLogOutput(false, stdout, both);
+    sim::kycam::setLogOutput(logcatFile != nullptr, stdout, both);
     char enableIQBM[PROPERTY_VALUE_MAX];
     property_get("persist.vendor.camera.enableIQBM", enableIQBM, "");
     const char* seeded = getenv("SIM_PROPERTIES");
@@ -212,5 +211,17 @@ int main(int argc, char** argv) {
     secondConsumerAndReuse();
 
     heading("end of session");
-    return printLedger() ? 0 : 1;
+    const bool balanced = printLedger();
+    if (logcatFile != nullptr) {
+        const std::string log = sim::logcat::write(sim::logcat::androidLines());
+        FILE* file = fopen(logcatFile, "w");
+        if (file == nullptr || fwrite(log.data(), 1, log.size(), file) != log.size() ||
+            fclose(file) != 0) {
+            fprintf(stderr, "%s: %s\n", logcatFile, strerror(errno));
+            return 2;
+        }
+        printf("Android log written to %s; check it with postproc-logcheck %s\n", logcatFile,
+               logcatFile);
+    }
+    return balanced ? 0 : 1;
 }

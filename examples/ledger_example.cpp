@@ -4,8 +4,8 @@
 // with an object of its own, and the record ended. Then the books.
 #include "QcomPostProcInfo.h"
 
-#include <chi/chxmetadata.h>
 #include <sim/chi.h>
+#include <sim/hal.h>
 #include <sim/kycam.h>
 #include <stdio.h>
 
@@ -18,20 +18,13 @@ int main() {
     record->createPrivResultMeta(cameras, true, attributes);
     camera3_capture_request request = {};
     record->setHalRequestPrivResultMeta(&request);
-    // The HAL's side: it holds a reference on every object it is handed.
-    auto* own = static_cast<ChiMetadata*>(
-            ChiMetadata::Create(nullptr, 0, false, nullptr, 0, 0, 0, nullptr));
-    for (void* meta : {request.priv_result, request.priv_physcam_result[1], (void*)own}) {
-        static_cast<ChiMetadata*>(meta)->AddReference(nullptr);
-    }
-    const char* ids[] = {"0", "1"};
-    void* filled[] = {request.priv_physcam_result[0], own};
-    camera3_capture_result result = {};
-    result.num_physcam_metadata = 2;
-    result.physcam_ids = ids;
-    result.priv_metadata = request.priv_result;
-    result.priv_physcam_metadata = filled;
-    record->checkAndUpdatePrivResult(&result);
+    // The HAL's side: it holds a reference on every object it is handed, and
+    // fills one of its own for camera 1 instead.
+    sim::hal::reference(request);
+    sim::hal::Result result(
+            1, request.priv_result,
+            {{"0", request.priv_physcam_result[0]}, {"1", sim::hal::newMeta(true)}});
+    record->checkAndUpdatePrivResult(result.get());
     record.reset();
     const sim::chi::Totals books = sim::chi::totals();
     printf("CHI metadata objects: %zu made, %zu ended, %zu alive\n", books.created, books.destroyed,

@@ -46,10 +46,10 @@
 //   at the end of the input. Any object that a record owned before a call and
 //   no record owns after it, undestroyed, is a finding.
 #include <QcomPostProcInfo.h>
-#include <chi/chxmetadata.h>
 #include <kydebug/Log.h>
 #include <sim/camera_metadata.h>
 #include <sim/chi.h>
+#include <sim/hal.h>
 #include <sim/iqbm.h>
 #include <sim/journal.h>
 #include <sim/kycam.h>
@@ -82,10 +82,6 @@ namespace {
 constexpr int kSlots = 4;
 char gPipeline[4][32];  // debug buffers the pipeline keeps alive by reference
 const char* const kIds[] = {"0", "1", "2", "10", "01", "-1", " 2", "x", "2a", ""};
-
-ChiMetadata* chi(void* handle) {
-    return static_cast<ChiMetadata*>(handle);
-}
 
 class Session {
   public:
@@ -335,10 +331,8 @@ class Session {
             if (b == 0) {
                 return current;
             }
-            void* made = ChiMetadata::Create(nullptr, 0, false, nullptr, 0, 0, 0, nullptr);
-            chi(made)->AddReference(nullptr);  // the HAL's, handed over
             ++halObjects;
-            return made;
+            return sim::hal::newMeta(true);  // with the HAL's reference, handed over
         };
         void* logical = object(r->m_pPrivResult, r->mPrivPhyResultMap.empty()
                                                          ? nullptr
@@ -376,17 +370,12 @@ class Session {
                 return;  // the made objects are left for the host to end
             }
         }
-        std::vector<const char*> ids;
-        for (const std::string& text : texts) {
-            ids.push_back(text.c_str());
+        std::vector<std::pair<std::string, void*>> cameras;
+        for (size_t k = 0; k < texts.size(); ++k) {
+            cameras.emplace_back(texts[k], metas[k]);
         }
-        camera3_capture_result result = {};
-        result.frame_number = byte();
-        result.num_physcam_metadata = static_cast<uint32_t>(ids.size());
-        result.physcam_ids = ids.data();
-        result.priv_metadata = logical;
-        result.priv_physcam_metadata = metas.data();
-        r->checkAndUpdatePrivResult(&result);
+        const sim::hal::Result result(byte(), logical, cameras);
+        r->checkAndUpdatePrivResult(result.get());
         if (!r->mSupportPrivMeta) {
             return;
         }
@@ -524,17 +513,7 @@ class Session {
                     CHECK(memcmp(&request, &untouched, sizeof(request)) == 0);
                     break;
                 }
-                // The HAL holds every object it is to fill.
-                if (request.priv_result != nullptr) {
-                    chi(request.priv_result)->AddReference(nullptr);
-                }
-                for (uint32_t k = 0;
-                     request.priv_physcam_result != nullptr && k < request.num_priv_physcam_result;
-                     ++k) {
-                    if (request.priv_physcam_result[k] != nullptr) {
-                        chi(request.priv_physcam_result[k])->AddReference(nullptr);
-                    }
-                }
+                sim::hal::reference(request);
                 break;
             }
             case 3:

@@ -345,8 +345,13 @@ class Ledger {
   private:
     void report(Kind kind, uint64_t object, const Evidence& evidence, uint64_t last,
                 const char* rule, std::string detail, bool certain = true) {
-        Finding finding{kind, object, mProcess.pid,      evidence.tid, evidence.first,
-                        last, rule,   certain && !mLost, false,        std::move(detail)};
+        // Without thread ids the lines of records on several threads cannot
+        // be told apart.
+        Finding finding{kind,           object,
+                        mProcess.pid,   evidence.tid,
+                        evidence.first, last,
+                        rule,           certain && !mLost && mThreadIds,
+                        false,          std::move(detail)};
         if (mOnFinding) {
             mOnFinding(finding);
         }
@@ -391,6 +396,7 @@ class Ledger {
     Process mProcess;
     const std::function<void(const Finding&)>& mOnFinding;
     bool mLost = false;
+    bool mThreadIds = false;  // the format shows them (not brief, not time)
     std::unordered_map<uint64_t, RecordState> mRecords;
     std::unordered_map<uint64_t, MetaState> mMetas;
     std::unordered_map<uint64_t, BufferState> mBuffers;
@@ -555,6 +561,7 @@ void Ledger::destructed(int32_t tid, ThreadState& thread) {
 
 void Ledger::add(const Entry& entry, const Line& line) {
     mProcess.lastLine = entry.line;
+    mThreadIds = mThreadIds || entry.tid != 0;
     ThreadState& thread = mThreads[entry.tid];
     if (thread.destructing != 0 &&
         (line.event == Event::Destruct ||
@@ -703,8 +710,9 @@ Process Ledger::finish(bool processEnded) {
             metas += meta.owner == address ? 1 : 0;
         }
         for (const auto& [object, buffer] : mBuffers) {
-            buffers += std::count_if(buffer.holders.begin(), buffer.holders.end(),
-                                     [address](const auto& h) { return h.first == address; });
+            buffers +=
+                    std::count_if(buffer.holders.begin(), buffer.holders.end(),
+                                  [holder = address](const auto& h) { return h.first == holder; });
         }
         report(Kind::RecordLeak, address, state->evidence, state->evidence.last, kRecordLifetime,
                "never destroyed; holds " + std::to_string(metas) + " CHI metadata object(s) and " +
@@ -787,6 +795,7 @@ void Checker::add(const Entry& entry) {
     mSeen.metaInfo = mSeen.metaInfo || (line.group == 64 && !debug);
     mSeen.metaDebug = mSeen.metaDebug || (line.group == 64 && debug && !trace);
     mSeen.traces = mSeen.traces || trace;
+    mSeen.threadIds = mSeen.threadIds || entry.tid != 0;
     std::unique_ptr<Ledger>& ledger = mLedgers[entry.pid];
     if (!ledger) {
         ledger = std::make_unique<Ledger>(entry.pid, entry.line, mOnFinding);

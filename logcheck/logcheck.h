@@ -134,6 +134,7 @@ struct Seen {
     bool metaInfo = false;   // Info lines of group 64
     bool metaDebug = false;  // Debug lines of group 64
     bool traces = false;     // reconciliation's reference traces (level below 3)
+    bool threadIds = false;  // entries carry their thread (not brief, not time)
 };
 
 struct Process {

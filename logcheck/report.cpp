@@ -45,6 +45,10 @@ std::vector<std::string> notChecked(const Checker& checker) {
     if (seen.lifetime && !seen.metaDebug) {
         missing.push_back("debug-data-leak of freed buffers: no Debug line of group 64");
     }
+    if (!seen.threadIds) {
+        missing.push_back(
+                "certain findings: no thread ids (brief and time have none; use -v threadtime)");
+    }
     if (seen.metaInfo && !seen.traces) {
         missing.push_back(
                 "reference-underflow in result reconciliation: no reference trace (gKyCamLogLevel "

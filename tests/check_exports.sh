@@ -1,7 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 # The library exports the record class and its statics and nothing else,
-# and carries no simulation code of its own.
+# its vtable holds what the framework's compiled code calls, and it carries no
+# simulation code of its own.
 set -eu
 lib="$1"
 exported=$(nm -DC --defined-only "$lib" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }')
@@ -30,6 +31,33 @@ if [ -n "$missing" ]; then
 fi
 printf '%s\n' "$exported" | grep -qx 'vtable for adapter::QcomPostProcInfo' ||
     { echo "missing export: vtable for adapter::QcomPostProcInfo"; exit 1; }
+# The framework calls slot k of whatever vtable a record carries: the vtable's
+# relocations name, slot by slot, the functions it links against there. The
+# two words before slot 0 (offset to top, type info) stay null: no RTTI.
+slots='_ZN7adapter16QcomPostProcInfoD1Ev _ZN7adapter16QcomPostProcInfoD0Ev
+_ZN7adapter16QcomPostProcInfo7setNameENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE
+_ZN7adapter16QcomPostProcInfo11setMediatorESt10shared_ptrIN5kycam9IMediatorEE
+_ZNK7adapter16QcomPostProcInfo7getNameB5cxx11Ev _ZN7adapter16QcomPostProcInfo5cloneEb
+_ZN7adapter16QcomPostProcInfo12shallowCloneEb _ZN7adapter16QcomPostProcInfo18needUpdateToKymetaEv
+_ZN7adapter16QcomPostProcInfo18createTuningParamsEv
+_ZN7adapter16QcomPostProcInfo17getTuningMetaBufsERN5kycam16TuningParamsBaseESt8functionIFNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEvEEb
+_ZN7adapter16QcomPostProcInfo17setTuningMetaBufsERN5kycam16TuningParamsBaseE
+_ZN7adapter16QcomPostProcInfo21destroyTuningMetaBufsEv _ZN7adapter16QcomPostProcInfo21releaseTuningMetaBufsEb
+_ZN7adapter16QcomPostProcInfo20createTuningMetaBufsEv
+_ZN12PostProcInfo17onPipelineStartedEv _ZN12PostProcInfo18onPipelineFinishedEv'
+set -- $(nm -D -S "$lib" | awk '$4 == "_ZTVN7adapter16QcomPostProcInfoE" { print $1, $2 }')
+start=$((0x$1)) size=$((0x$2)) found= expected=
+while read -r offset info type value name rest; do
+    at=$((0x$offset - start))
+    if [ $at -ge 0 ] && [ $at -lt $size ]; then found="$found $at:$name"; fi
+done <<EOF
+$(readelf -rW "$lib" | grep -E '^[0-9a-f]+ ' | sort)
+EOF
+at=16
+for s in $slots; do expected="$expected $at:$s"; at=$((at + 8)); done
+if [ "$found" != "$expected" ] || [ $size -ne $at ]; then
+    echo "vtable differs from the framework's slots:"; printf '%s\n' $found; exit 1
+fi
 # Tables and bindings stay internal.
 if nm -DC "$lib" | grep -E 'sAppMetaTagMap|sFeatureMaskNames|sAdvancedFeatureConcurrency|gIQBMHandle'; then
     echo "internal tables are exported"; exit 1

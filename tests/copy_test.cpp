@@ -3,18 +3,16 @@
 // reset(): what is new, what is shared, who references what.
 #include <sim/iqbm.h>
 
-#include "support/record_test.h"
+#include "support/sim_test.h"
 
 using adapter::QcomPostProcInfo;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using ::testing::HasSubstr;
 using ::testing::StartsWith;
-using testsupport::hex;
+using namespace testsupport;
 
 namespace {
 
-class CopyTest : public testsupport::RecordFixture {
+class CopyTest : public RecordFixture {
   protected:
     void SetUp() override {
         RecordFixture::SetUp();
@@ -22,24 +20,14 @@ class CopyTest : public testsupport::RecordFixture {
     }
     // A source with a logical result and cameras 0 and 2, with contents.
     void fill() {
-        request({"0", "2"}, true, testsupport::attributes(1, 0, 0, 1));
+        request({"0", "2"}, true, {1, 0, 0, 1});
         sim::chi::setContent(record->m_pPrivResult, "logical");
         sim::chi::setContent(phy(0), "camera 0");
         sim::chi::setContent(phy(2), "camera 2");
-        sim::clearJournal();
-        sim::kycam::clearLines();
+        fresh();
     }
-    QcomPostProcInfo& copyOf(const std::shared_ptr<PostProcInfo>& info) {
+    static QcomPostProcInfo& as(const std::shared_ptr<PostProcInfo>& info) {
         return static_cast<QcomPostProcInfo&>(*info);
-    }
-    std::string warningsAndInfos(const char* level) {
-        std::string text;
-        for (const sim::kycam::LogLine& line : sim::kycam::lines()) {
-            if (line.sink == sim::kycam::Sink::LogSystem && line.level == level) {
-                text += line.text + "\n";
-            }
-        }
-        return text;
     }
     char a[8], b[8];
 };
@@ -48,32 +36,33 @@ TEST_F(CopyTest, DeepCopyMakesNewObjectsWithTheSourcesContents) {
     fill();
     record->mHostFlag1 = true;
     record->setName("first");
-    const std::vector<std::string> events = sim::iqbm::events();
-    QcomPostProcInfo copy(*record);
+    auto owned = std::make_unique<QcomPostProcInfo>(*record);
+    QcomPostProcInfo& copy = *owned;
     EXPECT_EQ(QcomPostProcInfo::mSum, 2u);
-    EXPECT_EQ(sim::iqbm::events(), events) << "a copy never registers";
-    EXPECT_EQ(copy.getName(), "first");
-    EXPECT_TRUE(copy.mHostFlag1);
-    EXPECT_THAT(copy.mPhyCamIdSet, ElementsAre("0", "2"));
+    EXPECT_THAT(sim::iqbm::events(), IsEmpty()) << "a copy never registers";
+    EXPECT_TRUE(copy.getName() == "first" && copy.mHostFlag1 && copy.mPhyCamIdSet.size() == 2);
     for (int id : {0, 2}) {
         EXPECT_NE(copy.mPrivPhyResultMap.at(id), phy(id));
         EXPECT_EQ(sim::chi::content(copy.mPrivPhyResultMap.at(id)), "camera " + std::to_string(id));
+        EXPECT_THAT(made(copy.mPrivPhyResultMap.at(id)), ElementsAre("0 1", "Copy 0"));
     }
     EXPECT_NE(copy.m_pPrivResult, record->m_pPrivResult);
     EXPECT_EQ(sim::chi::content(copy.m_pPrivResult), "logical");
-    sim::chi::MetaState state;
-    ASSERT_TRUE(sim::chi::state(copy.m_pPrivResult, &state));
-    EXPECT_EQ(state.args.isMultiTypeContextMeta, 1);
+    EXPECT_THAT(made(copy.m_pPrivResult), ElementsAre("1 0", "Copy 0"));
     // The id texts are the source's: valid while the source lives.
-    EXPECT_EQ(copy.m_pPrivPhyCamIds[0], record->m_pPrivPhyCamIds[0]);
-    EXPECT_EQ(copy.m_pPrivPhyCamIds[1], record->m_pPrivPhyCamIds[1]);
+    EXPECT_EQ(std::vector<const char*>(copy.m_pPrivPhyCamIds, copy.m_pPrivPhyCamIds + 2),
+              std::vector<const char*>(record->m_pPrivPhyCamIds, record->m_pPrivPhyCamIds + 2));
     EXPECT_EQ(copy.m_pPrivPhyResults[1], copy.mPrivPhyResultMap.at(2));
-    EXPECT_THAT(sim::opSequence("chi"), Contains("Copy"));
-    EXPECT_THAT(testsupport::androidMessages().back(),
+    EXPECT_THAT(androidMessages().back(),
                 "Deep Construct QcomPostProcInfo " + hex(&copy) + " m_pPrivResult " +
                         hex(copy.m_pPrivResult) + ", after sum 2, info from QcomPostProcInfo " +
                         hex(record.get()) + " m_pPrivResult " + hex(record->m_pPrivResult));
     EXPECT_THAT(copy.mDebugDataSet, IsEmpty());
+    // The last record unregisters even if it is a copy.
+    record.reset();
+    EXPECT_TRUE(sim::iqbm::counters().registered);
+    owned.reset();
+    EXPECT_THAT(sim::iqbm::events(), ElementsAre("unregister:KYHAL"));
 }
 
 TEST_F(CopyTest, DeepCopyOfASourceWithoutUsablePrivateResults) {
@@ -82,9 +71,9 @@ TEST_F(CopyTest, DeepCopyOfASourceWithoutUsablePrivateResults) {
         record->mSupportPrivMeta = translated;
         record->mAndroidMetaTranslated = translated;
         QcomPostProcInfo copy(*record);
-        EXPECT_EQ(copy.m_pPrivResult, nullptr);
-        EXPECT_EQ(copy.m_pPrivPhyResults, nullptr);
-        EXPECT_EQ(copy.m_pPrivPhyCamIds, nullptr);
+        EXPECT_EQ(
+                std::make_tuple(copy.m_pPrivResult, copy.m_pPrivPhyResults, copy.m_pPrivPhyCamIds),
+                std::make_tuple(nullptr, nullptr, nullptr));
         EXPECT_EQ(sim::count("Create"), 0u);
         EXPECT_EQ(copy.mAndroidMetaTranslated, translated);
         record->mSupportPrivMeta = true;
@@ -105,22 +94,19 @@ TEST_F(CopyTest, DeepCopyFindsTheSharedLogicalResult) {
         SCOPED_TRACE(c.name);
         record = std::make_unique<QcomPostProcInfo>();
         request(c.noCameras ? std::set<std::string>{} : std::set<std::string>{"0", "2"}, false);
-        void* theirs = hal();
-        record->m_pPrivResult = c.inMap ? phy(2) : theirs;
+        record->m_pPrivResult = c.inMap ? phy(2) : hal();
         sim::kycam::clearLines();
         QcomPostProcInfo copy(*record);
-        const int expectedId = c.noCameras ? -1 : (c.inMap ? 2 : 0);
-        EXPECT_EQ(copy.m_pPrivResult,
-                  c.noCameras ? nullptr : copy.mPrivPhyResultMap.at(expectedId));
+        const int id = c.noCameras ? -1 : (c.inMap ? 2 : 0);
+        EXPECT_EQ(copy.m_pPrivResult, c.noCameras ? nullptr : copy.mPrivPhyResultMap.at(id));
         EXPECT_EQ(copy.mPrivPhyResultMap.size(), c.noCameras ? 0u : 2u) << "nothing is added";
-        EXPECT_EQ(warningsAndInfos("W"),
-                  c.warned ? hex(&copy) +
-                                     " deep Construct, Samelogical_PhyResult with phycam -1 "
-                                     "result, not found in mPrivPhyResultMap\n"
-                           : "");
-        EXPECT_THAT(warningsAndInfos("I"),
-                    ::testing::HasSubstr(" same as physical cam " + std::to_string(expectedId) +
-                                         " result"));
+        const std::string missing = hex(&copy) +
+                                    " deep Construct, Samelogical_PhyResult with phycam -1 "
+                                    "result, not found in mPrivPhyResultMap";
+        EXPECT_EQ(messages(sim::kycam::Sink::LogSystem, "W"),
+                  c.warned ? std::vector<std::string>{missing} : std::vector<std::string>{});
+        EXPECT_THAT(messages(sim::kycam::Sink::LogSystem, "I"),
+                    Contains(HasSubstr(" same as physical cam " + std::to_string(id) + " result")));
         record->m_pPrivResult = nullptr;
     }
 }
@@ -131,35 +117,24 @@ TEST_F(CopyTest, DeepCopyKeepsTheFirstOfIdsEqualAfterAtoi) {
     const struct {
         std::set<std::string> ids;
         int key;
-        size_t sourceIndex;
-        size_t copyIndex;
-    } cases[] = {{{"01", "1"}, 1, 1, 0}, {{"007", "7", "x"}, 7, 1, 0}, {{"a", "b"}, 0, 1, 0}};
+    } cases[] = {{{"01", "1"}, 1}, {{"007", "7", "x"}, 7}, {{"a", "b"}, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(*c.ids.begin());
         record = std::make_unique<QcomPostProcInfo>();
         request(c.ids, false);
-        std::vector<void*> orphans = {record->m_pPrivPhyResults[c.copyIndex]};
+        std::vector<void*> orphans = {record->m_pPrivPhyResults[0]};
         {
             QcomPostProcInfo copy(*record);
-            EXPECT_EQ(record->mPrivPhyResultMap.at(c.key),
-                      record->m_pPrivPhyResults[c.sourceIndex]);
-            EXPECT_EQ(copy.mPrivPhyResultMap.at(c.key), copy.m_pPrivPhyResults[c.copyIndex]);
+            EXPECT_EQ(phy(c.key), record->m_pPrivPhyResults[1]);
+            EXPECT_EQ(copy.mPrivPhyResultMap.at(c.key), copy.m_pPrivPhyResults[0]);
             EXPECT_EQ(copy.mPrivPhyResultMap.size(), record->mPrivPhyResultMap.size());
-            orphans.push_back(copy.m_pPrivPhyResults[c.sourceIndex]);
+            orphans.push_back(copy.m_pPrivPhyResults[1]);
         }
         // Objects that live only in an array are the host's to end.
         for (void* orphan : orphans) {
-            reinterpret_cast<ChiMetadata*>(orphan)->Destroy(true);
+            chi(orphan)->Destroy(true);
         }
     }
-}
-
-TEST_F(CopyTest, LastRecordUnregistersEvenIfItIsACopy) {
-    auto copy = std::make_unique<QcomPostProcInfo>(*record);
-    record.reset();
-    EXPECT_TRUE(sim::iqbm::counters().registered);
-    copy.reset();
-    EXPECT_FALSE(sim::iqbm::counters().registered);
 }
 
 TEST_F(CopyTest, CloneTakesItsOwnReferencesOnlyOnRequest) {
@@ -168,16 +143,15 @@ TEST_F(CopyTest, CloneTakesItsOwnReferencesOnlyOnRequest) {
     record->keep3aDebugData(1, &data, false);
     record->keepTuningDDArray(1, &array, false);
     std::shared_ptr<PostProcInfo> bare = record->clone(false);
-    EXPECT_THAT(copyOf(bare).m3aDebugDataMap, IsEmpty());
+    EXPECT_THAT(as(bare).m3aDebugDataMap, IsEmpty());
     EXPECT_EQ(sim::iqbm::refCount(a), 1);
     sim::kycam::clearLines();
     std::shared_ptr<PostProcInfo> owning = record->clone(true);
-    EXPECT_EQ(testsupport::androidMessages()[0],
+    EXPECT_EQ(androidMessages()[0],
               "Clone QcomPostProcInfo " + hex(record.get()) + " needOwnDebugData 1");
-    EXPECT_EQ(copyOf(owning).m3aDebugDataMap.at(1).pData, a);
-    EXPECT_EQ(copyOf(owning).mTuningDDArrayMap.at(1).count, 2u);
-    EXPECT_EQ(sim::iqbm::refCount(a), 2);
-    EXPECT_EQ(sim::iqbm::refCount(b), 2);
+    EXPECT_EQ(as(owning).m3aDebugDataMap.at(1).pData, a);
+    EXPECT_EQ(as(owning).mTuningDDArrayMap.at(1).count, 2u);
+    EXPECT_EQ(sim::iqbm::refCount(a) + sim::iqbm::refCount(b), 4);
     owning.reset();
     bare.reset();
     EXPECT_EQ(sim::iqbm::refCount(a), 1);
@@ -190,62 +164,52 @@ TEST_F(CopyTest, ShallowCloneSharesObjectsAndReferencesThem) {
     adapter::DebugData data = {8, a};
     record->keep3aDebugData(0, &data, false);
     std::shared_ptr<PostProcInfo> info = record->shallowClone(true);
-    QcomPostProcInfo& clone = copyOf(info);
-    EXPECT_EQ(clone.m_pPrivResult, record->m_pPrivResult);
-    EXPECT_EQ(clone.m_pPrivPhyResults, record->m_pPrivPhyResults);
-    EXPECT_EQ(clone.m_pPrivPhyCamIds, record->m_pPrivPhyCamIds);
-    EXPECT_EQ(clone.mPrivPhyResultMap, record->mPrivPhyResultMap);
+    QcomPostProcInfo& clone = as(info);
+    EXPECT_EQ(std::tie(clone.m_pPrivResult, clone.m_pPrivPhyResults, clone.m_pPrivPhyCamIds,
+                       clone.mPrivPhyResultMap),
+              std::tie(record->m_pPrivResult, record->m_pPrivPhyResults, record->m_pPrivPhyCamIds,
+                       record->mPrivPhyResultMap));
     EXPECT_THAT(clone.mReplacedPrivResults, IsEmpty());
     for (void* meta : {record->m_pPrivResult, phy(0), phy(2)}) {
-        EXPECT_EQ(sim::chi::refCount(meta), 1u);
+        EXPECT_EQ(refs(meta), 1u);
     }
-    EXPECT_EQ(sim::chi::refCount(parked), 0u);
+    EXPECT_EQ(refs(parked), 0u);
     EXPECT_EQ(clone.mDebugDataSet, record->mDebugDataSet);
     EXPECT_EQ(clone.m3aDebugDataMap.at(0).pData, a);
     EXPECT_EQ(sim::iqbm::refCount(a), 1) << "no reference taken for the copied set";
     EXPECT_EQ(sim::count("Create"), 1u) << "only the parked meta of this test";
-    EXPECT_THAT(testsupport::androidMessages(),
+    EXPECT_THAT(androidMessages(),
                 Contains("shallow copy QcomPostProcInfo " + hex(&clone) + " m_pPrivResult " +
                          hex(clone.m_pPrivResult) + ", info from QcomPostProcInfo " +
                          hex(record.get()) + " m_pPrivResult " + hex(record->m_pPrivResult)));
     // As the host, hand the shared objects and references back to the source.
     clone.releaseTuningMetaBufs(true);
     info.reset();
-    EXPECT_EQ(sim::chi::refCount(phy(0)), 0u);
-}
+    EXPECT_EQ(refs(phy(0)), 0u);
 
-TEST_F(CopyTest, ShallowCloneOfATranslatedSourceSharesNothing) {
-    fill();
+    // A translated source shares nothing.
     record->mAndroidMetaTranslated = true;
-    std::shared_ptr<PostProcInfo> info = record->shallowClone(false);
-    QcomPostProcInfo& clone = copyOf(info);
-    EXPECT_EQ(clone.m_pPrivResult, nullptr);
-    EXPECT_THAT(clone.mPrivPhyResultMap, IsEmpty());
-    EXPECT_EQ(clone.mPhyCamIdSet, record->mPhyCamIdSet);
-    EXPECT_TRUE(clone.mSupportPrivMeta);
-    EXPECT_EQ(sim::count("AddReference"), 0u);
-    clone.mSupportPrivMeta = false;  // its set names no objects of its own
+    info = record->shallowClone(false);
+    EXPECT_TRUE(as(info).m_pPrivResult == nullptr && as(info).mPrivPhyResultMap.empty() &&
+                as(info).mSupportPrivMeta && as(info).mPhyCamIdSet == record->mPhyCamIdSet);
+    EXPECT_EQ(refs(phy(0)), 0u);
+    as(info).mSupportPrivMeta = false;  // its set names no objects of its own
 }
 
-class ResetTest : public CopyTest {};
-
-TEST_F(ResetTest, NewRecordChangesOnlyTheKeeper) {
-    sim::clearJournal();
-    sim::kycam::clearLines();
+TEST_F(CopyTest, ResetOfANewRecordChangesOnlyTheKeeper) {
+    fresh();
     record->reset();
     record->reset();
-    EXPECT_THAT(sim::calls(), IsEmpty());
-    EXPECT_THAT(sim::kycam::lines(), IsEmpty());
-    EXPECT_FALSE(record->mEnableIQBM);
-    EXPECT_EQ(record->getName(), "QcomPostProcInfo");
-    EXPECT_FALSE(record->mSupportPrivMeta);
+    EXPECT_TRUE(sim::calls().empty() && sim::kycam::lines().empty());
+    EXPECT_FALSE(record->mEnableIQBM || record->mSupportPrivMeta);
 }
 
-TEST_F(ResetTest, ReleasesOnceThenKeepsThroughTheFramework) {
+TEST_F(CopyTest, ResetReleasesOnceThenKeepsThroughTheFramework) {
     fill();
     adapter::DebugData data = {8, a};
     record->keep3aDebugData(0, &data, false);
     record->mHostFlag0 = true;
+    record->mHostFlag1 = true;
     record->mAndroidMetaTranslated = true;
     void* logical = record->m_pPrivResult;
     sim::kycam::clearLines();
@@ -253,11 +217,10 @@ TEST_F(ResetTest, ReleasesOnceThenKeepsThroughTheFramework) {
     record->reset();
     EXPECT_EQ(sim::iqbm::refCount(a), 0);
     EXPECT_EQ(sim::count("IBMIntfBufDecRef", a), 1u);
-    EXPECT_THAT(testsupport::androidMessages(),
+    EXPECT_THAT(androidMessages(),
                 Contains("[Offline DebugData] PostProcsInfo " + hex(record.get()) +
                          " mEnableIQBM 1 reset debugData pData:" + hex(a) + " after dec ref is 0"));
-    EXPECT_FALSE(record->mHostFlag0);
-    EXPECT_FALSE(record->mAndroidMetaTranslated);
+    EXPECT_FALSE(record->mHostFlag0 || record->mHostFlag1 || record->mAndroidMetaTranslated);
     EXPECT_EQ(record->m_pPrivResult, logical) << "private results are kept for reuse";
     EXPECT_EQ(sim::chi::invalidations(logical), 2u);
     record->keep3aDebugData(0, &data, false);
@@ -265,25 +228,22 @@ TEST_F(ResetTest, ReleasesOnceThenKeepsThroughTheFramework) {
     sim::kycam::clearLines();
     const void* address = record.get();
     record.reset();
-    EXPECT_THAT(testsupport::androidMessages(),
-                Contains(StartsWith("[Offline DebugData] PostProcsInfo " + hex(address) +
-                                    " mEnableIQBM 0 destruct")));
+    EXPECT_THAT(androidMessages(), Contains(StartsWith("[Offline DebugData] PostProcsInfo " +
+                                                       hex(address) + " mEnableIQBM 0 destruct")));
     EXPECT_EQ(sim::kycam::debugDataRefCount(a), 0);
 }
 
-TEST_F(ResetTest, FreesOwnedBuffersAndStillRefusesDestroyedHandles) {
+TEST_F(CopyTest, ResetFreesOwnedBuffersAndStillRefusesDestroyedHandles) {
     fill();
     void* owned = malloc(8);
     record->createTuningParams()->mDebug3ABuffers[0] = {8, owned};
     record->setTuningMetaBufs(*record->mTuningParam);
     void* meta = record->createChiMeta(false, false);
     record->destroyChiMeta(meta);
-    sim::clearJournal();
-    sim::kycam::clearLines();
+    fresh();
     record->reset();
     EXPECT_EQ(sim::count("IBMIntfBufDecRef") + sim::count("SubDebugDataReference"), 0u);
-    EXPECT_THAT(testsupport::androidMessages(),
-                Contains("PostProcsInfo " + hex(record.get()) + " free data:" + hex(owned)));
+    EXPECT_THAT(androidMessages(), Contains(r() + " free data:" + hex(owned)));
     EXPECT_TRUE(record->mFreeDebugData);
     EXPECT_NE(record->mTuningParam, nullptr);
     record->destroyChiMeta(meta);

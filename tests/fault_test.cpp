@@ -1,21 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // Faults of the platform (CHI metadata objects that are not made, camera
-// metadata that cannot be allocated) and bad input from the host: the record
-// answers with its log lines or with nothing, and the ledger still balances.
+// metadata that cannot be allocated): the record answers with its log lines
+// or with nothing, and the ledger still balances.
 #include <chi/chxmetadata.h>
 
-#include <functional>
+#include "support/sim_test.h"
 
-#include "support/record_test.h"
-
-using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
-using testsupport::hex;
+using namespace testsupport;
 
 namespace {
 
-class FaultTest : public testsupport::RecordFixture {
+class FaultTest : public RecordFixture {
   protected:
     void SetUp() override {
         RecordFixture::SetUp();
@@ -45,13 +41,12 @@ TEST_F(FaultTest, CreateFailingForThePrivateResults) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.failing.back());
         record = std::make_unique<adapter::QcomPostProcInfo>();
-        sim::kycam::clearLines();
-        sim::clearJournal();
+        fresh();
         sim::chi::failCreateAt(c.failing);
         record->createPrivResultMeta(ids, true, attrs);
         camera3_capture_request request = {};
         record->setHalRequestPrivResultMeta(&request);
-        EXPECT_THAT(testsupport::androidMessages(), ElementsAreArray(c.lines));
+        EXPECT_THAT(androidMessages(), ElementsAreArray(c.lines));
         EXPECT_EQ(request.priv_result, c.attached ? record->m_pPrivResult : nullptr);
         EXPECT_EQ(request.priv_physcam_result, c.attached ? record->m_pPrivPhyResults : nullptr);
         EXPECT_EQ(request.num_priv_physcam_result, c.attached ? 2u : 0u);
@@ -80,7 +75,7 @@ TEST_F(FaultTest, CreateFailingForThePrivateResults) {
             }
         }
         record.reset();
-        EXPECT_THAT(testsupport::androidMessages(), ElementsAreArray(lines));
+        EXPECT_THAT(androidMessages(), ElementsAreArray(lines));
         EXPECT_EQ(sim::count("Destroy"), 3 - c.failing.size());
         // Counted at creation whether or not an object came back.
         EXPECT_EQ(adapter::QcomPostProcInfo::mChiMetaSum.load(), sum + c.failing.size());
@@ -102,10 +97,9 @@ TEST_F(FaultTest, CreateFailingInTheCopyConstructor) {
         {
             adapter::QcomPostProcInfo copy(*record);
             EXPECT_THAT(sim::misuses(), ElementsAre("chi Copy on a null object"));
-            sim::clearJournal();
-            sim::kycam::clearLines();
+            fresh();
         }
-        EXPECT_THAT(testsupport::androidMessages(),
+        EXPECT_THAT(androidMessages(),
                     failing == 1 ? std::vector<std::string>{"Destroy chiMetaHandle is null"}
                                  : std::vector<std::string>{});
         EXPECT_EQ(sim::chi::totals().alive, 3u) << "the source's objects only";
@@ -141,60 +135,8 @@ TEST_F(FaultTest, CameraMetadataAllocationFailing) {
         }
         EXPECT_EQ(nulls, failing);
     }
-    EXPECT_THAT(testsupport::androidMessages(),
-                ElementsAre(failed, failed, failed, failed, failed));
+    EXPECT_THAT(androidMessages(), ElementsAre(failed, failed, failed, failed, failed));
     EXPECT_EQ(sim::count("TranslateToCameraMetadata"), 2u);
-    EXPECT_EQ(sim::camera_metadata::totals().alive, 0u);
-}
-
-// Bad input is answered with a log line or with nothing: no platform call, no
-// change to what the record holds.
-TEST_F(FaultTest, BadInputIsRefused) {
-    record->createPrivResultMeta(ids, true, attrs);
-    sim::kycam::setLogConfig(0, 0xFFFFFFFF, 1);
-    const std::string r = hex(record.get());
-    adapter::DebugDataTuningMetaArray empty = {0, {{8, &sum}}};
-    std::shared_ptr<kycam::TuningParamsBase> params = record->createTuningParams();
-    params->mTuningMetas[9] = nullptr;  // a camera the record has no result for
-    const struct {
-        const char* what;
-        std::function<void()> call;
-        std::vector<std::string> lines;
-    } cases[] = {
-            {"null descriptor", [&] { record->keep3aDebugData(0, nullptr, false); }, {}},
-            {"null array", [&] { record->keepTuningDDArray(0, nullptr, true); }, {}},
-            {"count 0", [&] { record->keepTuningDDArray(0, &empty, false); }, {}},
-            {"null to add", [&] { EXPECT_EQ(record->addDebugDataAndRef(nullptr, true), -1); }, {}},
-            {"unknown camera released", [&] { record->releaseChiMetasRefWithCameraId(7); }, {}},
-            {"unknown camera translated",
-             [&] { EXPECT_EQ(record->transToAndroidMetaWithCameraId(5), nullptr); },
-             {"PostProcsInfo " + r + " cameraId 5 transToAndroidMeta fail",
-              "PostProcsInfo " + r + " cameraId 5 transToAndroidMeta pAndroidMeta " +
-                      hex(nullptr)}},
-            {"unknown camera imported",
-             [&] { record->setTuningMetaBufs(*params); },
-             {"PostProcsInfo " + r}},
-            {"null handle translated",
-             [&] {
-                 EXPECT_EQ(record->transToAndroidMeta(nullptr, true, false, 0, nullptr, true),
-                           nullptr);
-             },
-             {"Null pChiMetadata || pDstCameraMetadata cannot translate to Android Meta"}},
-    };
-    const std::map<int, void*> results = record->mPrivPhyResultMap;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        sim::clearJournal();
-        sim::kycam::clearLines();
-        c.call();
-        EXPECT_THAT(testsupport::androidMessages(), ElementsAreArray(c.lines));
-        for (const std::string& op : sim::opSequence()) {
-            EXPECT_TRUE(op == "allocate_camera_metadata" || op == "free_camera_metadata") << op;
-        }
-        EXPECT_EQ(record->mPrivPhyResultMap, results);
-        EXPECT_THAT(record->mDebugDataSet, IsEmpty());
-        EXPECT_THAT(record->mTuningDDArrayMap, IsEmpty());
-    }
     EXPECT_EQ(sim::camera_metadata::totals().alive, 0u);
 }
 

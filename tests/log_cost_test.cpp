@@ -3,7 +3,7 @@
 // evaluates and formats nothing; a line that writes formats once per sink and
 // never allocates; a lifecycle makes the platform calls of the benchmarks'
 // hand-written floor (bench/workload.h) and allocates, step by step, what it
-// does. The process counts its mallocs and formats (support/probes.cpp).
+// does. The process counts its mallocs and formats (sim/probes).
 #include <QcomPostProcInfo.h>
 
 #include <sim/probes.h>
@@ -11,18 +11,11 @@
 #include "workload.h"
 
 using adapter::QcomPostProcInfo;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using testsupport::fresh;
+using testsupport::SimTest;
 using workload::Result;
 
 namespace {
-
-struct Sinks {
-    int32_t level;
-    uint32_t groups;
-    uint32_t mask;
-    int writing;  // sinks that write a group 64 Info line
-};
 
 // Allocations of each step; the bookkeeping's own are left out.
 struct Allocations : workload::Marks {
@@ -54,40 +47,33 @@ std::vector<long> allocations(const workload::Workload& w, bool library) {
 
 const Result kResults[] = {Result::Same, Result::ReplaceOne, Result::NewCameras};
 
-class LogCostTest : public testsupport::SimTest {
-  protected:
-    // createChiMeta and destroyChiMeta, whose Info lines read the reference
-    // count for each sink that writes.
-    probe::Counts createAndDestroy(const Sinks& sinks) {
+using LogCostTest = SimTest;
+
+TEST_F(LogCostTest, LineFormatsOncePerWritingSinkAndNothingOtherwise) {
+    const uint32_t meta = KYA_LOG_GROUP_META;
+    const struct {
+        int32_t level;
+        uint32_t groups;
+        uint32_t mask;
+        int writing;  // sinks that write a group 64 Info line
+    } cases[] = {{5, 0xFFFFFFFF, 0, 0},
+                 {0, KYA_LOG_GROUP_POSTPROC, 1, 0},
+                 {4, meta, 0, 1},
+                 {5, meta, 1, 1},
+                 {4, meta, 1, 2}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.level << " " << c.groups << " " << c.mask);
         QcomPostProcInfo record;
-        sim::kycam::setLogConfig(sinks.level, sinks.groups, sinks.mask);
-        sim::clearJournal();
-        sim::kycam::clearLines();
+        sim::kycam::setLogConfig(c.level, c.groups, c.mask);
+        fresh();
         const probe::Counts before = probe::counts();
+        // Their Info lines read the reference count for each sink that writes.
         void* meta = record.createChiMeta(false, false);
         record.destroyChiMeta(meta);
-        const probe::Counts cost = probe::counts() - before;
+        EXPECT_EQ((probe::counts() - before).formats, 2 * c.writing) << "prefix and message once";
+        EXPECT_EQ(sim::count("ReferenceCount"), 2u * c.writing);
+        EXPECT_EQ(sim::kycam::lines().size(), 2u * c.writing);
         sim::kycam::setLogConfig(7, 0, 0);
-        return cost;
-    }
-};
-
-TEST_F(LogCostTest, LineThatDoesNotWriteEvaluatesAndFormatsNothing) {
-    // Info below the level with no debug mask; the group switched off.
-    for (const Sinks& sinks :
-         {Sinks{5, 0xFFFFFFFF, 0, 0}, Sinks{0, KYA_LOG_GROUP_POSTPROC, 1, 0}}) {
-        EXPECT_EQ(createAndDestroy(sinks).formats, 0);
-        EXPECT_THAT(sim::opSequence("chi"), ElementsAre("Create", "Destroy"));
-        EXPECT_THAT(sim::kycam::lines(), IsEmpty());
-    }
-}
-
-TEST_F(LogCostTest, LineFormatsPrefixAndMessageOncePerWritingSink) {
-    const uint32_t meta = KYA_LOG_GROUP_META;
-    for (const Sinks& sinks : {Sinks{4, meta, 0, 1}, Sinks{5, meta, 1, 1}, Sinks{4, meta, 1, 2}}) {
-        EXPECT_EQ(createAndDestroy(sinks).formats, 2 * sinks.writing) << sinks.level;
-        EXPECT_EQ(sim::count("ReferenceCount"), 2u * sinks.writing);
-        EXPECT_EQ(sim::kycam::lines().size(), 2u * sinks.writing);
     }
     EXPECT_THAT(sim::kycam::texts(sim::kycam::Sink::Android).front(),
                 ::testing::MatchesRegex("KYA_META QcomPostProcInfo\\.cpp:[0-9]+ createChiMeta\\(\\)"
@@ -132,13 +118,14 @@ TEST_F(LogCostTest, LifecycleAllocatesAndCallsWhatTheFloorDoes) {
             SCOPED_TRACE(testing::Message() << cameras << " cameras, result " << int(result));
             const workload::Workload w{workload::Kind::Request, cameras, -1, result};
             sim::setJournalEnabled(true);
-            sim::clearJournal();
             workload::Marks none;
-            workload::runLibrary(w, none);
-            const std::vector<std::string> calls = sim::opSequence();
-            sim::clearJournal();
-            workload::runFloor(w, none);
-            EXPECT_EQ(sim::opSequence(), calls);
+            std::vector<std::string> calls[2];
+            for (bool library : {true, false}) {
+                sim::clearJournal();
+                library ? workload::runLibrary(w, none) : workload::runFloor(w, none);
+                calls[library] = sim::opSequence();
+            }
+            EXPECT_EQ(calls[true], calls[false]);
             sim::setJournalEnabled(false);
             workload::settle();
             EXPECT_EQ(allocations(w, true), allocations(w, false));

@@ -1,116 +1,290 @@
 // SPDX-License-Identifier: Apache-2.0
-// Private result metadata: creation for a camera set, reuse decisions,
-// destruction, attachment to the HAL request and reconciliation with the
-// capture result, with every reference checked in the CHI ledger.
+// CHI metadata objects and private result metadata: creation, the live
+// counter, destruction exactly once, the references the record takes, gives
+// back, tests and resets, attachment to the HAL request and reconciliation
+// with the capture result, with every reference checked in the CHI ledger.
 #include <string.h>
 
-#include "support/record_test.h"
+#include "support/sim_test.h"
 
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using adapter::QcomPostProcInfo;
 using ::testing::UnorderedElementsAre;
-using testsupport::hex;
-using testsupport::Result;
+using namespace testsupport;
 
 namespace {
 
-class PrivResultTest : public testsupport::RecordFixture {
-  protected:
-    std::string r() const { return "PostProcsInfo " + hex(record.get()); }
-    std::vector<int> keys() const {
-        std::vector<int> result;
-        for (const auto& entry : record->mPrivPhyResultMap) {
-            result.push_back(entry.first);
+int chiMetaSum() {
+    return static_cast<int>(QcomPostProcInfo::mChiMetaSum.load());
+}
+
+class ChiMetaTest : public RecordFixture {};
+
+TEST_F(ChiMetaTest, CreatePassesTheTagListFlagsAndMapping) {
+    for (bool multiType : {false, true}) {
+        for (bool multiCamera : {false, true}) {
+            SCOPED_TRACE(testing::Message() << multiType << multiCamera);
+            fresh();
+            const size_t asked = sim::chi::extensionModuleRequests();
+            const int sum = chiMetaSum();
+            void* meta = record->createChiMeta(multiType, multiCamera);
+            sim::chi::MetaState state;
+            ASSERT_TRUE(sim::chi::state(meta, &state));
+            const sim::chi::CreateArgs& args = state.args;
+            // The extension module is asked only for multi-camera context metas.
+            EXPECT_EQ(std::make_tuple(args.tags, args.tagCount, args.isPartial, args.manager,
+                                      args.clientId, args.metaToCameraTypeId),
+                      std::make_tuple(std::vector<uint32_t>{0x000E001C}, 1u, false, nullptr,
+                                      0xFFFFFFFFu,
+                                      multiCamera ? sim::chi::extensionMapping() : nullptr));
+            EXPECT_THAT(made(meta),
+                        ElementsAre(std::to_string(multiType) + " " + std::to_string(multiCamera)));
+            EXPECT_EQ(sim::chi::extensionModuleRequests(), asked + multiCamera);
+            EXPECT_THAT(androidMessages(),
+                        ElementsAre("Create ChiMeta " + hex(meta) +
+                                    " ref 0 isMultiTypeContextMeta " + std::to_string(multiType) +
+                                    " isMultiCameraContextMeta " + std::to_string(multiCamera) +
+                                    " ChimetaSum " + std::to_string(sum + 1)));
+            record->destroyChiMeta(meta);
         }
-        return result;
     }
-    uint32_t refs(void* meta) { return sim::chi::refCount(meta); }
+}
+
+TEST_F(ChiMetaTest, DestroyOnceRefuseNullAndDump) {
+    void* meta = record->createChiMeta(false, false);
+    record->dumpChiMeta(meta);
+    sim::chi::MetaState state;
+    ASSERT_TRUE(sim::chi::state(meta, &state));
+    EXPECT_THAT(state.dumps, ElementsAre("meta[" + hex(meta) + "]"));
+    EXPECT_EQ(androidMessages().back(), "Dump ChiMeta " + hex(meta));
+    ref(meta);
+    ref(meta);
+    const int sum = chiMetaSum();
+    fresh();
+    void* none = nullptr;
+    record->destroyChiMeta(none);
+    EXPECT_THAT(sim::calls(), IsEmpty());
+    record->destroyChiMeta(meta);
+    record->destroyChiMeta(meta);
+    EXPECT_NE(meta, nullptr) << "the caller's handle is left as it is";
+    EXPECT_EQ(sim::count("Destroy", meta), 1u) << "whatever the reference count";
+    EXPECT_EQ(chiMetaSum(), sum - 1);
+    EXPECT_THAT(androidMessages(),
+                ElementsAre("Destroy chiMetaHandle is null",
+                            "Destroy ChiMeta " + hex(meta) + " ref 2 ChimetaSum " +
+                                    std::to_string(sum - 1),
+                            "chiMetaHandle " + hex(meta) + " is destroyed, no need to destroy"));
+    EXPECT_THAT(messages(sim::kycam::Sink::LogSystem, "E"),
+                ElementsAre(androidMessages()[0], androidMessages()[2]));
+}
+
+// A record with a logical result and cameras 0 and 1.
+class ChiRefTest : public RecordFixture {
+  protected:
+    void SetUp() override {
+        RecordFixture::SetUp();
+        request({"0", "1"}, true);
+        logical = record->m_pPrivResult;
+        fresh();
+    }
+    std::string line(const char* what, void* meta, int count) {
+        return r() + " " + what + " " + hex(meta) + " ref " + std::to_string(count);
+    }
+    // The lines of the whole-record reference operations at a count.
+    std::vector<std::string> refLines(int count) {
+        return {line("m_pPrivResult", logical, count), line("phyCamId 0 privResult", phy(0), count),
+                line("phyCamId 1 privResult", phy(1), count)};
+    }
+    std::string qc(void* meta, const std::string& rest) {
+        return "PostProcInfo " + hex(record.get()) + " ChiMeta " + hex(meta) + rest;
+    }
+    void* logical = nullptr;
+};
+
+TEST_F(ChiRefTest, AddAndReleaseAreSymmetricAndTheLastReleaseInvalidates) {
+    // Null physical handles and parked metas are skipped.
+    void* parked = record->createChiMeta(false, false);
+    record->mReplacedPrivResults.insert(parked);
+    record->mPrivPhyResultMap[7] = nullptr;
+    fresh();
+    record->addChiMetasRef();
+    record->addChiMetasRef();
+    record->releaseChiMetasRef();
+    EXPECT_EQ(sim::count("Invalidate"), 0u);
+    record->releaseChiMetasRef();
+    for (void* meta : {logical, phy(0), phy(1)}) {
+        EXPECT_EQ(sim::chi::invalidations(meta), 1u);
+    }
+    std::vector<std::string> ops(6, "AddReference");
+    ops.resize(9, "ReleaseReference");
+    for (int i = 0; i < 3; ++i) {
+        ops.insert(ops.end(), {"ReleaseReference", "Invalidate"});
+    }
+    EXPECT_EQ(sim::opSequence("chi"), ops);
+    std::vector<std::string> lines;
+    for (int count : {1, 2, 1, 0}) {
+        const std::vector<std::string> step = refLines(count);
+        lines.insert(lines.end(), step.begin(), step.end());
+    }
+    EXPECT_EQ(androidMessages(), lines);
+    record->mPrivPhyResultMap.erase(7);
+}
+
+TEST_F(ChiRefTest, ReleaseWithCameraIdLooksAtTheOneObjectOnly) {
+    record->addChiMetasRef();
+    record->mSupportPrivMeta = false;  // not looked at by this operation
+    fresh();
+    record->addChiMetasRef();
+    record->releaseChiMetasRef();
+    EXPECT_FALSE(record->isMetaUsedInQC());
+    record->resetChiMetas();
+    record->releaseChiMetasRefWithCameraId(5);
+    EXPECT_EQ(record->mPrivPhyResultMap.count(5), 0u) << "no entry may be added";
+    EXPECT_THAT(sim::calls(), IsEmpty());
+    record->releaseChiMetasRefWithCameraId(1);
+    record->releaseChiMetasRefWithCameraId(-1);
+    EXPECT_THAT(sim::opSequence(),
+                ElementsAre("ReleaseReference", "Invalidate", "ReleaseReference", "Invalidate"));
+    EXPECT_EQ(refs(phy(0)), 1u);
+    EXPECT_THAT(androidMessages(), ElementsAre(refLines(0)[2], refLines(0)[0]));
+    record->m_pPrivResult = nullptr;
+    fresh();
+    record->releaseChiMetasRefWithCameraId(-1);
+    EXPECT_THAT(sim::calls(), IsEmpty());
+    record->m_pPrivResult = logical;
+    record->mSupportPrivMeta = true;  // so that the destructor ends them
+}
+
+TEST_F(ChiRefTest, InUseScanStopsAtTheFirstMetaInUse) {
+    void* parked = record->createChiMeta(false, false);
+    record->mReplacedPrivResults.insert(parked);
+    EXPECT_FALSE(record->isMetaUsedInQC());
+    for (void* meta : {logical, phy(0), phy(1), parked}) {
+        EXPECT_EQ(sim::chi::invalidations(meta), 1u);
+    }
+    ref(phy(0));
+    fresh();
+    EXPECT_TRUE(record->isMetaUsedInQC());
+    EXPECT_EQ(std::make_pair(sim::chi::invalidations(logical), sim::chi::invalidations(phy(0))),
+              std::make_pair(2u, 1u));
+    EXPECT_EQ(sim::count("ReferenceCount", phy(1)), 0u) << "the scan went past the meta in use";
+    EXPECT_THAT(androidMessages(), ElementsAre(qc(logical, " ref 0"), qc(phy(0), " ref 1")));
+    unref(phy(0));
+}
+
+TEST_F(ChiRefTest, ResetTestReadsTheCountAgainForEachSinkThatWrites) {
+    // Sinks writing the reset test's Info ("be reset!") and Warning ("still
+    // in use") lines under a log level and debug mask.
+    const struct {
+        int32_t level;
+        uint32_t mask;
+        size_t infoSinks;
+        size_t warningSinks;
+    } cases[] = {{0, 1, 2, 2}, {0, 0, 1, 1}, {5, 1, 1, 2}, {5, 0, 0, 1}, {7, 0, 0, 0}};
+    ref(phy(1));  // in use
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "level " << c.level << " mask " << c.mask);
+        sim::kycam::setLogConfig(c.level, 0xFFFFFFFF, c.mask);
+        sim::clearJournal();
+        record->resetChiMetas();
+        EXPECT_EQ(sim::count("ReferenceCount", logical), 1 + c.infoSinks);
+        EXPECT_EQ(sim::count("ReferenceCount", phy(1)), 1 + c.warningSinks);
+    }
+    unref(phy(1));
+}
+
+TEST_F(ChiRefTest, ResetDestroysReplacedMetasOnlyWhenAllAreFree) {
+    void* busy = record->createChiMeta(false, false);
+    void* idle = record->createChiMeta(false, false);
+    ref(busy);
+    ref(phy(1));  // in use: left alone
+    record->mReplacedPrivResults = {busy, idle};
+    fresh();
+    record->resetChiMetas();
+    EXPECT_EQ(record->mReplacedPrivResults.size(), 2u);
+    EXPECT_EQ(sim::count("Destroy"), 0u);
+    EXPECT_EQ(std::make_pair(sim::chi::invalidations(idle), sim::chi::invalidations(busy)),
+              std::make_pair(1u, 0u));
+    EXPECT_EQ(androidMessages()[0], qc(logical, " ref 0 be reset!"));
+    EXPECT_THAT(androidMessages(), Contains(qc(busy, " ref 1 still in use, cannot be reset!")));
+    unref(busy);
+    const int sum = chiMetaSum();
+    record->resetChiMetas();
+    EXPECT_TRUE(sim::chi::isDestroyed(busy) && sim::chi::isDestroyed(idle));
+    EXPECT_THAT(record->mReplacedPrivResults, IsEmpty());
+    EXPECT_EQ(chiMetaSum(), sum - 2);
+    // The request's own metas are invalidated for reuse, never destroyed.
+    EXPECT_EQ(sim::chi::invalidations(logical) + sim::chi::invalidations(phy(0)), 4u);
+    EXPECT_EQ(sim::chi::invalidations(phy(1)), 0u);
+    EXPECT_EQ(sim::count("Destroy"), 2u);
+    unref(phy(1));
+    fresh();
+    record.reset();
+    EXPECT_THAT(androidMessages(),
+                ::testing::Each(::testing::Not(::testing::HasSubstr("no need"))));
+}
+
+class PrivResultTest : public RecordFixture {
+  protected:
+    // What a HAL request carries of the private results.
+    static auto block(const camera3_capture_request& request) {
+        return std::make_tuple(request.priv_result, request.priv_physcam_id,
+                               request.num_priv_physcam_result, request.priv_physcam_result);
+    }
 };
 
 TEST_F(PrivResultTest, CamerasAreWalkedInStringOrderAndKeyedByTheirNumber) {
-    request({"2", "0", "10"}, true, testsupport::attributes(1, 0, 0, 1));
+    request({"2", "0", "10"}, true, {1, 0, 0, 1});
     ASSERT_NE(record->m_pPrivResult, nullptr);
     EXPECT_FALSE(record->mSamelogical_PhyResult);
     EXPECT_TRUE(record->needUpdateToKymeta());
     EXPECT_THAT(keys(), ElementsAre(0, 2, 10));
-    const char* order[] = {"0", "10", "2"};
-    auto id = record->mPhyCamIdSet.begin();
-    for (int i = 0; i < 3; ++i, ++id) {
-        EXPECT_STREQ(record->m_pPrivPhyCamIds[i], order[i]);
-        EXPECT_EQ(record->m_pPrivPhyCamIds[i], id->c_str()) << "must point into the set";
-        EXPECT_EQ(record->m_pPrivPhyResults[i], phy(atoi(order[i])));
+    EXPECT_THAT(record->mPhyCamIdSet, ElementsAre("0", "10", "2"));
+    size_t i = 0;
+    for (const std::string& id : record->mPhyCamIdSet) {
+        EXPECT_EQ(record->m_pPrivPhyCamIds[i], id.c_str()) << "must point into the set";
+        EXPECT_EQ(record->m_pPrivPhyResults[i++], phy(atoi(id.c_str())));
+        // Logical flags for the logical result, physical flags for the others.
+        EXPECT_THAT(made(phy(atoi(id.c_str()))), ElementsAre("0 1"));
     }
-    // Logical flags for the logical result, physical flags for the others.
+    EXPECT_THAT(made(record->m_pPrivResult), ElementsAre("1 0"));
     sim::chi::MetaState state;
     ASSERT_TRUE(sim::chi::state(record->m_pPrivResult, &state));
     EXPECT_EQ(state.serial, 1u);
-    EXPECT_EQ(state.args.isMultiTypeContextMeta, 1);
-    EXPECT_EQ(state.args.isMultiCameraContextMeta, 0);
-    ASSERT_TRUE(sim::chi::state(phy(2), &state));
-    EXPECT_EQ(state.args.isMultiTypeContextMeta, 0);
-    EXPECT_EQ(state.args.isMultiCameraContextMeta, 1);
-    const std::vector<std::string> lines = testsupport::androidMessages();
-    EXPECT_THAT(lines, Contains(r() + " m_pPrivResult " + hex(record->m_pPrivResult) +
-                                " request phyCamIdSet size 3 mSamelogical_PhyResult 0"));
-    EXPECT_THAT(lines, Contains(r() + " PrivPhyCamId 10 PrivPhyResult " + hex(phy(10))));
-}
-
-TEST_F(PrivResultTest, NoLogicalResultAndNoCameras) {
-    request({}, false);
-    EXPECT_TRUE(record->mSupportPrivMeta);
-    EXPECT_TRUE(record->mSamelogical_PhyResult);
-    EXPECT_EQ(record->m_pPrivResult, nullptr);
-    EXPECT_EQ(record->m_pPrivPhyResults, nullptr);
-    EXPECT_EQ(record->m_pPrivPhyCamIds, nullptr);
-    EXPECT_THAT(record->mPrivPhyResultMap, IsEmpty());
-    EXPECT_EQ(sim::chi::totals().created, 0u);
-    for (const sim::kycam::LogLine& line : sim::kycam::lines()) {
-        EXPECT_NE(line.priority, ANDROID_LOG_ERROR) << line.text;
-    }
-}
-
-TEST_F(PrivResultTest, IdsEqualAfterAtoiShareOneKeyAndTheLaterWins) {
-    request({"a", "b"}, false);
-    EXPECT_THAT(keys(), ElementsAre(0));
-    void* shadowed = record->m_pPrivPhyResults[0];
-    EXPECT_EQ(phy(0), record->m_pPrivPhyResults[1]);
-    record->destroyPrivResultMeta();
-    EXPECT_FALSE(sim::chi::isDestroyed(shadowed)) << "lives only in the array";
-    record->destroyChiMeta(shadowed);
+    EXPECT_THAT(androidMessages(),
+                Contains(r() + " m_pPrivResult " + hex(record->m_pPrivResult) +
+                         " request phyCamIdSet size 3 mSamelogical_PhyResult 0"));
+    EXPECT_THAT(androidMessages(),
+                Contains(r() + " PrivPhyCamId 10 PrivPhyResult " + hex(phy(10))));
 }
 
 TEST_F(PrivResultTest, SupportSamePhysical) {
-    auto a = testsupport::attributes(0, 1, 1, 0);
+    const adapter::PostProcInfoMetaAttributes a = {0, 1, 1, 0};
     request({"0", "1"}, true, a);
+    const std::string notSupported =
+            " reuse needPrivLogicalMeta 0 but this Samelogical_PhyResult 0, not support";
     const struct {
         std::set<std::string> ids;
         bool logical;
-        adapter::PostProcInfoMetaAttributes attrs;
+        adapter::PostProcInfoMetaAttributes attributes;
         bool expected;
         std::string line;
     } cases[] = {
             {{"0", "1"}, true, a, true, ""},
-            {{"0", "1"},
-             false,
-             a,
-             false,
-             " reuse needPrivLogicalMeta 0 but this Samelogical_PhyResult 0, not support"},
+            {{"0", "1"}, false, a, false, notSupported},
             {{"0"}, true, a, false, ""},
             {{"0", "2"}, true, a, false, " expect phy 2 cannot find"},
-            {{"0", "1"}, true, testsupport::attributes(1, 1, 1, 0), false, ""},
-            {{"0", "1"}, true, testsupport::attributes(0, 0, 1, 0), false, ""},
-            {{"0", "1"}, true, testsupport::attributes(0, 1, 0, 0), false, ""},
-            {{"0", "1"}, true, testsupport::attributes(0, 1, 1, 1), false, ""},
+            {{"0", "1"}, true, {1, 1, 1, 0}, false, ""},
+            {{"0", "1"}, true, {0, 0, 1, 0}, false, ""},
+            {{"0", "1"}, true, {0, 1, 0, 0}, false, ""},
+            {{"0", "1"}, true, {0, 1, 1, 1}, false, ""},
     };
     for (auto c : cases) {
         sim::kycam::clearLines();
-        EXPECT_EQ(record->supportSamePhysical(c.ids, c.logical, c.attrs), c.expected);
-        EXPECT_EQ(testsupport::androidMessages(), c.line.empty()
-                                                          ? std::vector<std::string>{}
-                                                          : std::vector<std::string>{r() + c.line});
+        EXPECT_EQ(record->supportSamePhysical(c.ids, c.logical, c.attributes), c.expected);
+        EXPECT_EQ(androidMessages(), c.line.empty() ? std::vector<std::string>{}
+                                                    : std::vector<std::string>{r() + c.line});
     }
-    adapter::QcomPostProcInfo empty;
+    QcomPostProcInfo empty;
     std::set<std::string> none;
     adapter::PostProcInfoMetaAttributes zero = {};
     empty.createPrivResultMeta(none, false, zero);
@@ -119,75 +293,58 @@ TEST_F(PrivResultTest, SupportSamePhysical) {
 
 TEST_F(PrivResultTest, DestroyEndsEveryObjectOnce) {
     request({"0", "1"}, true);
-    void* logical = record->m_pPrivResult;
     record->destroyPrivResultMeta();
-    EXPECT_TRUE(sim::chi::isDestroyed(logical));
     EXPECT_EQ(sim::count("Destroy"), 3u);
-    EXPECT_EQ(record->m_pPrivResult, nullptr);
-    EXPECT_EQ(record->m_pPrivPhyResults, nullptr);
-    EXPECT_THAT(record->mPhyCamIdSet, IsEmpty());
-    EXPECT_TRUE(record->mSupportPrivMeta);
-}
-
-TEST_F(PrivResultTest, LogicalResultThatIsAPhysicalOneDiesWithThem) {
+    EXPECT_EQ(std::tie(record->m_pPrivResult, record->m_pPrivPhyResults, record->m_pPrivPhyCamIds),
+              std::make_tuple(nullptr, nullptr, nullptr));
+    EXPECT_TRUE(record->mPhyCamIdSet.empty() && record->mSupportPrivMeta);
+    // A logical result that is one of the physical ones dies with them.
     request({"0", "1"}, false);
     record->m_pPrivResult = phy(1);
     record->destroyPrivResultMeta();
     EXPECT_EQ(record->m_pPrivResult, nullptr);
-    EXPECT_EQ(sim::count("Destroy"), 2u);
-}
-
-TEST_F(PrivResultTest, DestroyWithoutPrivateResultsTouchesNothing) {
+    EXPECT_EQ(sim::count("Destroy"), 5u);
+    // Without private results nothing is touched.
     void* meta = record->createChiMeta(false, false);
     record->mPrivPhyResultMap[0] = meta;
     record->mPhyCamIdSet = {"0"};
+    record->mSupportPrivMeta = false;
     record->destroyPrivResultMeta();
     EXPECT_EQ(record->mPrivPhyResultMap.size(), 1u);
-    EXPECT_FALSE(sim::chi::isDestroyed(meta));
+    EXPECT_EQ(sim::count("Destroy"), 5u);
     record->destroyChiMeta(meta);
     record->mPrivPhyResultMap.clear();
 }
 
-class AttachTest : public PrivResultTest {
-  protected:
-    void SetUp() override {
-        PrivResultTest::SetUp();
-        memset(&halRequest, 0xAB, sizeof(halRequest));
-    }
-    camera3_capture_request halRequest;
-};
-
-TEST_F(AttachTest, RecordWithoutPrivateResultsLeavesTheRequest) {
-    camera3_capture_request before = halRequest;
+TEST_F(PrivResultTest, AttachToTheHalRequest) {
+    camera3_capture_request before;
+    memset(&before, 0xAB, sizeof(before));
+    camera3_capture_request halRequest = before;
     record->setHalRequestPrivResultMeta(&halRequest);
-    EXPECT_EQ(memcmp(&before, &halRequest, sizeof(before)), 0);
-}
+    EXPECT_EQ(memcmp(&before, &halRequest, sizeof(before)), 0) << "no private results";
 
-TEST_F(AttachTest, PhysicalResultsWithoutALogicalOne) {
-    request({"0", "1"}, false);
-    record->setHalRequestPrivResultMeta(&halRequest);
-    EXPECT_EQ(halRequest.priv_result, nullptr);
-    EXPECT_EQ(halRequest.num_priv_physcam_result, 2u);
-    EXPECT_EQ(halRequest.priv_physcam_result, record->m_pPrivPhyResults);
-    EXPECT_EQ(halRequest.priv_physcam_id, record->m_pPrivPhyCamIds);
-    EXPECT_EQ(testsupport::androidMessages().back(),
-              r() + " halRequest priv_result (nil) priv_physcam_result " +
-                      hex(record->m_pPrivPhyResults));
-}
-
-TEST_F(AttachTest, LogicalResultWithoutCameras) {
     request({}, true);
+    EXPECT_EQ(record->m_pPrivPhyResults, nullptr) << "no cameras, no arrays";
     record->setHalRequestPrivResultMeta(&halRequest);
-    EXPECT_EQ(halRequest.priv_result, record->m_pPrivResult);
-    EXPECT_EQ(halRequest.priv_physcam_id, nullptr);
-    EXPECT_EQ(halRequest.num_priv_physcam_result, 0u);
-    EXPECT_EQ(halRequest.priv_physcam_result, nullptr);
+    EXPECT_EQ(block(halRequest), std::make_tuple(record->m_pPrivResult, nullptr, 0u, nullptr));
+    record->destroyPrivResultMeta();
+
+    // A logical result that is one of the physical ones is not handed over.
+    request({"0", "1"}, false);
+    record->m_pPrivResult = phy(0);
+    record->setHalRequestPrivResultMeta(&halRequest);
+    EXPECT_EQ(block(halRequest),
+              std::make_tuple(nullptr, record->m_pPrivPhyCamIds, 2u, record->m_pPrivPhyResults));
+    EXPECT_EQ(androidMessages().back(), r() + " halRequest priv_result (nil) priv_physcam_result " +
+                                                hex(record->m_pPrivPhyResults));
 }
 
-TEST_F(AttachTest, MissingFirstPhysicalResultWithdrawsTheWholeBlock) {
+TEST_F(PrivResultTest, MissingFirstPhysicalResultWithdrawsTheWholeBlock) {
     request({"0", "1"}, true);
     void* first = record->m_pPrivPhyResults[0];
     record->m_pPrivPhyResults[0] = nullptr;
+    camera3_capture_request halRequest;
+    memset(&halRequest, 0xAB, sizeof(halRequest));
     sim::kycam::clearLines();
     record->setHalRequestPrivResultMeta(&halRequest);
     const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&halRequest);
@@ -196,14 +353,14 @@ TEST_F(AttachTest, MissingFirstPhysicalResultWithdrawsTheWholeBlock) {
     }
     EXPECT_EQ(halRequest.priv_physcam_result, nullptr);
     EXPECT_EQ(bytes[87], 0xAB) << "nothing before priv_result is touched";
-    EXPECT_THAT(testsupport::androidMessages(), Contains("Not Create priv_physcam_result"));
+    EXPECT_THAT(androidMessages(), Contains("Not Create priv_physcam_result"));
     record->m_pPrivPhyResults[0] = first;
 }
 
-class ReconcileTest : public PrivResultTest {
+class ReconcileTest : public RecordFixture {
   protected:
     void SetUp() override {
-        PrivResultTest::SetUp();
+        RecordFixture::SetUp();
         request({"0", "2"}, true);
         logical = record->m_pPrivResult;
         phy0 = phy(0);
@@ -213,24 +370,15 @@ class ReconcileTest : public PrivResultTest {
         camera3_capture_request halRequest = {};
         record->setHalRequestPrivResultMeta(&halRequest);
         requestIds = halRequest.priv_physcam_id;
-        reinterpret_cast<ChiMetadata*>(halRequest.priv_result)->AddReference(nullptr);
-        for (uint32_t i = 0; i < halRequest.num_priv_physcam_result; ++i) {
-            reinterpret_cast<ChiMetadata*>(halRequest.priv_physcam_result[i])
-                    ->AddReference(nullptr);
-        }
-        sim::clearJournal();
+        sim::hal::reference(halRequest);
         sim::kycam::setLogConfig(2, 0xFFFFFFFF, 1);  // with the reference-count traces
-        sim::kycam::clearLines();
+        fresh();
     }
-    std::vector<std::string> warnings() {
-        std::vector<std::string> result;
-        for (const sim::kycam::LogLine& line : sim::kycam::lines()) {
-            if (line.sink == sim::kycam::Sink::LogSystem && line.level == "W") {
-                result.push_back(line.text);
-            }
-        }
-        return result;
+    void reconcile(void* logicalResult, std::vector<std::pair<std::string, void*>> cameras) {
+        Result result(7, logicalResult, std::move(cameras));
+        record->checkAndUpdatePrivResult(result.get());
     }
+    std::vector<std::string> warnings() { return messages(sim::kycam::Sink::LogSystem, "W"); }
     std::string f() const { return r() + " vndFrame:7"; }
     void* logical = nullptr;
     void* phy0 = nullptr;
@@ -239,15 +387,15 @@ class ReconcileTest : public PrivResultTest {
 };
 
 TEST_F(ReconcileTest, WithoutPrivateResultsOnlyTheEntryLineIsWritten) {
-    adapter::QcomPostProcInfo plain;
-    Result result(7, hal(), {{"0", hal()}});
+    QcomPostProcInfo plain;
+    void* theirs = hal();
+    Result result(7, theirs, {{"0", hal()}});
     sim::kycam::clearLines();
     plain.checkAndUpdatePrivResult(result.get());
-    EXPECT_THAT(testsupport::androidMessages(),
-                ElementsAre("PostProcsInfo " + hex(&plain) +
-                            " mSupportPrivMeta 0 vndFrame:7 m_pPrivResult (nil) "
-                            "result->priv_metadata " +
-                            hex(result.metas.size() ? result.result.priv_metadata : nullptr)));
+    EXPECT_THAT(androidMessages(), ElementsAre("PostProcsInfo " + hex(&plain) +
+                                               " mSupportPrivMeta 0 vndFrame:7 m_pPrivResult "
+                                               "(nil) result->priv_metadata " +
+                                               hex(theirs)));
     EXPECT_THAT(plain.mPrivPhyResultMap, IsEmpty());
 }
 
@@ -259,42 +407,37 @@ TEST_F(ReconcileTest, SameObjectsChangeNothing) {
     EXPECT_THAT(record->mReplacedPrivResults, IsEmpty());
     EXPECT_EQ(sim::count("AddReference") + sim::count("ReleaseReference"), 0u);
     EXPECT_FALSE(record->mSamelogical_PhyResult);
-    EXPECT_THAT(warnings(), Contains(f() + " phycam 2 phyresult " + hex(phy2) +
-                                     " result->priv_physcam_metadata[1] " + hex(phy2)));
+    const std::string same = f() + " phycam 2 phyresult " + hex(phy2);
+    EXPECT_THAT(warnings(), Contains(same + " result->priv_physcam_metadata[1] " + hex(phy2)));
     EXPECT_EQ(warnings().size(), 4u) << "one comparison line per camera and pass";
 }
 
 TEST_F(ReconcileTest, ReplacedLogicalResultIsParkedAndTheNewOneReferenced) {
     void* theirs = hal();
-    Result result(7, theirs, {{"0", phy0}, {"2", phy2}});
-    record->checkAndUpdatePrivResult(result.get());
+    reconcile(theirs, {{"0", phy0}, {"2", phy2}});
     EXPECT_EQ(record->m_pPrivResult, theirs);
     EXPECT_EQ(refs(theirs), 1u);
     EXPECT_THAT(record->mReplacedPrivResults, ElementsAre(logical));
     EXPECT_EQ(sim::chi::invalidations(logical), 1u) << "released to zero";
     EXPECT_THAT(warnings(), Contains(f() + " m_pPrivResult " + hex(logical) +
                                      " not same as result->priv_metadata " + hex(theirs)));
-    EXPECT_THAT(testsupport::androidMessages(),
+    EXPECT_THAT(androidMessages(),
                 Contains(r() + " the chi meta: " + hex(logical) + " ReleaseReference ref: 0"));
-    EXPECT_THAT(testsupport::androidMessages(),
+    EXPECT_THAT(androidMessages(),
                 Contains(r() + " the chi meta: " + hex(theirs) + " AddReference ref: 1"));
-}
-
-TEST_F(ReconcileTest, ReferenceTracesNeedTheVerboseLevel) {
+    // The traces need the verbose level.
     sim::kycam::setLogConfig(3, 0xFFFFFFFF, 0);
-    Result result(7, hal(), {{"0", phy0}, {"2", phy2}});
-    record->checkAndUpdatePrivResult(result.get());
-    for (const std::string& line : testsupport::androidMessages()) {
-        EXPECT_EQ(line.find("the chi meta:"), std::string::npos) << line;
-    }
+    fresh();
+    reconcile(hal(), {{"0", phy0}, {"2", phy2}});
+    EXPECT_EQ(sim::count("AddReference"), 1u);
+    EXPECT_THAT(androidMessages(),
+                ::testing::Each(::testing::Not(::testing::HasSubstr("chi meta:"))));
 }
 
 TEST_F(ReconcileTest, ReplacedPhysicalResultAmongTheSameCameras) {
     void* theirs = hal();
-    Result result(7, logical, {{"0", phy0}, {"2", theirs}});
-    record->checkAndUpdatePrivResult(result.get());
-    EXPECT_EQ(phy(2), theirs);
-    EXPECT_EQ(record->m_pPrivPhyResults[1], theirs);
+    reconcile(logical, {{"0", phy0}, {"2", theirs}});
+    EXPECT_TRUE(phy(2) == theirs && record->m_pPrivPhyResults[1] == theirs);
     EXPECT_EQ(refs(theirs), 1u);
     EXPECT_THAT(record->mReplacedPrivResults, ElementsAre(phy2));
     EXPECT_THAT(warnings(),
@@ -309,41 +452,37 @@ TEST_F(ReconcileTest, SameCamerasInAnotherOrderIndexTheArrayByResultPosition) {
     result.ids = {requestIds[1], requestIds[0]};  // the request's own texts, reordered
     result.result.physcam_ids = result.ids.data();
     record->checkAndUpdatePrivResult(result.get());
-    EXPECT_EQ(record->m_pPrivPhyResults[0], new2);
+    EXPECT_EQ(std::make_tuple(record->m_pPrivPhyResults[0], phy(0), phy(2)),
+              std::make_tuple(new2, new0, new2));
     EXPECT_STREQ(record->m_pPrivPhyCamIds[0], "0");
-    EXPECT_EQ(phy(0), new0);
-    EXPECT_EQ(phy(2), new2);
     EXPECT_THAT(record->mReplacedPrivResults, UnorderedElementsAre(phy0, phy2));
     EXPECT_EQ(refs(new0) + refs(new2), 2u);
 }
 
 TEST_F(ReconcileTest, ReplacedCameraRebuildsWithoutNewReferences) {
     void* theirs = hal();
-    Result result(7, logical, {{"0", phy0}, {"3", theirs}});
-    record->checkAndUpdatePrivResult(result.get());
+    reconcile(logical, {{"0", phy0}, {"3", theirs}});
     EXPECT_THAT(record->mPhyCamIdSet, ElementsAre("0", "3"));
     EXPECT_THAT(keys(), ElementsAre(0, 3));
     EXPECT_EQ(phy(3), theirs);
     EXPECT_EQ(refs(theirs), 0u) << "taken over as the result holds it";
     EXPECT_THAT(record->mReplacedPrivResults, UnorderedElementsAre(phy0, phy2));
-    EXPECT_THAT(
-            warnings(),
-            ElementsAre(f() + " original physcam not keep camera 3, need Update all "
-                              "physcam_metadata",
-                        f() + " update phycam 0 result->priv_physcam_metadata[0] " + hex(phy0),
-                        f() + " update phycam 3 result->priv_physcam_metadata[1] " + hex(theirs)));
+    const std::string update = f() + " update phycam ";
+    EXPECT_THAT(warnings(),
+                ElementsAre(f() + " original physcam not keep camera 3, need Update all "
+                                  "physcam_metadata",
+                            update + "0 result->priv_physcam_metadata[0] " + hex(phy0),
+                            update + "3 result->priv_physcam_metadata[1] " + hex(theirs)));
     // phy0 is both parked and held again: it is still destroyed once.
     record.reset();
     EXPECT_EQ(sim::count("Destroy", phy0), 1u);
 }
 
 TEST_F(ReconcileTest, ZeroCamerasReleaseAndParkEverything) {
-    Result result(7, logical, {});
-    record->checkAndUpdatePrivResult(result.get());
-    EXPECT_THAT(record->mPhyCamIdSet, IsEmpty());
-    EXPECT_THAT(record->mPrivPhyResultMap, IsEmpty());
-    EXPECT_EQ(record->m_pPrivPhyResults, nullptr);
-    EXPECT_EQ(record->m_pPrivPhyCamIds, nullptr);
+    reconcile(logical, {});
+    EXPECT_TRUE(record->mPhyCamIdSet.empty() && record->mPrivPhyResultMap.empty());
+    EXPECT_EQ(std::tie(record->m_pPrivPhyResults, record->m_pPrivPhyCamIds),
+              std::make_tuple(nullptr, nullptr));
     EXPECT_THAT(record->mReplacedPrivResults, UnorderedElementsAre(phy0, phy2));
     EXPECT_FALSE(record->mSamelogical_PhyResult);
     EXPECT_THAT(warnings(), ElementsAre(f() + " original num_physcam_metadata 2 not same asreturn "
@@ -352,8 +491,7 @@ TEST_F(ReconcileTest, ZeroCamerasReleaseAndParkEverything) {
 }
 
 TEST_F(ReconcileTest, LogicalResultFoundAmongThePhysicalOnes) {
-    Result result(7, phy2, {{"0", phy0}, {"2", phy2}});
-    record->checkAndUpdatePrivResult(result.get());
+    reconcile(phy2, {{"0", phy0}, {"2", phy2}});
     EXPECT_TRUE(record->mSamelogical_PhyResult);
     EXPECT_EQ(refs(phy2), 2u) << "the HAL's reference and the record's";
     EXPECT_THAT(warnings(), Contains(f() + " result->priv_metadata " + hex(phy2) +
@@ -363,11 +501,9 @@ TEST_F(ReconcileTest, LogicalResultFoundAmongThePhysicalOnes) {
 TEST_F(ReconcileTest, InsertingLookupMakesANullLogicalResultMatch) {
     // The map lost camera 2 apart from the set; the result brings no object
     // for it and no logical result.
-    void* dropped = phy2;
     record->mPrivPhyResultMap.erase(2);
-    record->mReplacedPrivResults.insert(dropped);
-    Result result(7, nullptr, {{"0", phy0}, {"2", nullptr}});
-    record->checkAndUpdatePrivResult(result.get());
+    record->mReplacedPrivResults.insert(phy2);
+    reconcile(nullptr, {{"0", phy0}, {"2", nullptr}});
     EXPECT_EQ(record->mPrivPhyResultMap.count(2), 1u);
     EXPECT_EQ(phy(2), nullptr);
     EXPECT_TRUE(record->mSamelogical_PhyResult);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Record lifetime: the instance counter, the IQ buffer manager registration
-// at the 0/1 boundaries, the lifetime log lines and the trivial operations.
+// Record lifetime and the log conventions: the instance counter, the IQ
+// buffer manager registration at the 0/1 boundaries, the lifetime lines, and
+// which sink writes under which level, group and mask.
 #include <QcomPostProcInfo.h>
 #include <cutils/properties.h>
 #include <sim/iqbm.h>
@@ -10,125 +11,82 @@
 #include "support/sim_test.h"
 
 using adapter::QcomPostProcInfo;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using testsupport::hex;
+using namespace testsupport;
 
 namespace {
 
-class RecordTest : public testsupport::SimTest {
+class RecordTest : public SimTest {
   protected:
     void SetUp() override {
         SimTest::SetUp();
         sim::iqbm::clearBuffers();
         ASSERT_EQ(QcomPostProcInfo::mSum, 0u);
-        ASSERT_FALSE(sim::iqbm::counters().registered);
     }
 };
 
-TEST_F(RecordTest, PropertyAtItsDefaultEnablesTheManager) {
+TEST_F(RecordTest, RegistersWithTheFirstRecordAndUnregistersWithTheLast) {
     EXPECT_EQ(property_get_int32("persist.vendor.camera.enableIQBM", 1), 1);
-    QcomPostProcInfo record;
-    EXPECT_TRUE(record.mEnableIQBM);
-}
-
-TEST_F(RecordTest, RegistersAtFirstRecordAndUnregistersAtLast) {
     auto first = std::make_unique<QcomPostProcInfo>();
-    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL"));
+    EXPECT_TRUE(first->mEnableIQBM) << "the property at its default";
     auto second = std::make_unique<QcomPostProcInfo>();
     EXPECT_EQ(QcomPostProcInfo::mSum, 2u);
-    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL"));
     first.reset();
     EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL"));
-    EXPECT_TRUE(sim::iqbm::counters().registered);
     second.reset();
-    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL", "unregister:KYHAL"));
-    EXPECT_EQ(QcomPostProcInfo::mSum, 0u);
+    { QcomPostProcInfo third; }
+    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL", "unregister:KYHAL",
+                                                 "register:KYHAL", "unregister:KYHAL"));
 }
 
-TEST_F(RecordTest, RecordsOneAfterAnotherRegisterEachTime) {
-    for (int i = 0; i < 3; ++i) {
-        QcomPostProcInfo record;
-    }
-    EXPECT_THAT(sim::iqbm::events(),
-                ElementsAre("register:KYHAL", "unregister:KYHAL", "register:KYHAL",
-                            "unregister:KYHAL", "register:KYHAL", "unregister:KYHAL"));
-}
-
-TEST_F(RecordTest, ConstructAndDestructLogTheCountAfterAndBefore) {
+TEST_F(RecordTest, LifetimeLinesCountAfterAndBeforeOnBothSinks) {
     sim::kycam::setLogConfig(3, KYA_LOG_GROUP_POSTPROC, 1);
     auto first = std::make_unique<QcomPostProcInfo>();
     auto second = std::make_unique<QcomPostProcInfo>();
-    const void* firstAddress = first.get();
-    const void* secondAddress = second.get();
+    const std::string a = hex(first.get()), b = hex(second.get());
     first.reset();
     second.reset();
-    EXPECT_THAT(testsupport::androidMessages(),
-                ElementsAre("Construct QcomPostProcInfo " + hex(firstAddress) + ", after sum 1",
-                            "Construct QcomPostProcInfo " + hex(secondAddress) + ", after sum 2",
-                            "Destruct  QcomPostProcInfo " + hex(firstAddress) + ", before sum 2",
-                            "Destruct  QcomPostProcInfo " + hex(secondAddress) + ", before sum 1"));
-    EXPECT_EQ(testsupport::messages(sim::kycam::Sink::LogSystem), testsupport::androidMessages());
-}
-
-TEST_F(RecordTest, LifetimeLinesCarryTheirPrefixOnBothSinks) {
-    sim::kycam::setLogConfig(3, KYA_LOG_GROUP_POSTPROC, 1);
-    std::string address;
-    {
-        QcomPostProcInfo record;
-        address = hex(&record);
-    }
+    EXPECT_THAT(androidMessages(),
+                ElementsAre("Construct QcomPostProcInfo " + a + ", after sum 1",
+                            "Construct QcomPostProcInfo " + b + ", after sum 2",
+                            "Destruct  QcomPostProcInfo " + a + ", before sum 2",
+                            "Destruct  QcomPostProcInfo " + b + ", before sum 1"));
+    EXPECT_EQ(messages(sim::kycam::Sink::LogSystem), androidMessages());
     const std::vector<sim::kycam::LogLine> lines = sim::kycam::lines();
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0].sink, sim::kycam::Sink::Android);
     EXPECT_EQ(lines[0].priority, ANDROID_LOG_DEBUG);
     EXPECT_EQ(lines[0].tag, "KyCamAdapter");
-    EXPECT_EQ(lines[1].sink, sim::kycam::Sink::LogSystem);
     EXPECT_EQ(lines[1].group, KYA_LOG_GROUP_POSTPROC);
     EXPECT_EQ(lines[1].level, "D");
     EXPECT_EQ(lines[1].fileName, "QcomPostProcInfo.cpp");
-    EXPECT_EQ(lines[1].function, "QcomPostProcInfo");
-    EXPECT_EQ(lines[1].text, "Construct QcomPostProcInfo " + address + ", after sum 1");
     // The whole Android text, byte for byte: the message follows "()".
     EXPECT_EQ(lines[0].text, "KYA_POSTPROC QcomPostProcInfo.cpp:" + std::to_string(lines[1].line) +
-                                     " QcomPostProcInfo()Construct QcomPostProcInfo " + address +
+                                     " QcomPostProcInfo()Construct QcomPostProcInfo " + a +
                                      ", after sum 1");
-    EXPECT_EQ(lines[2].text, "KYA_POSTPROC QcomPostProcInfo.cpp:" + std::to_string(lines[3].line) +
-                                     " ~QcomPostProcInfo()Destruct  QcomPostProcInfo " + address +
+    EXPECT_EQ(lines[7].function, "~QcomPostProcInfo");
+    EXPECT_EQ(lines[6].text, "KYA_POSTPROC QcomPostProcInfo.cpp:" + std::to_string(lines[7].line) +
+                                     " ~QcomPostProcInfo()Destruct  QcomPostProcInfo " + b +
                                      ", before sum 1");
-    EXPECT_EQ(lines[3].function, "~QcomPostProcInfo");
 }
 
-TEST_F(RecordTest, NameStartsAsTheClassNameAndCanBeSet) {
-    QcomPostProcInfo record;
-    EXPECT_EQ(record.getName(), "QcomPostProcInfo");
-    record.setName("x");
-    EXPECT_EQ(record.getName(), "x");
-    EXPECT_EQ(record.mName, "x");
-}
-
-TEST_F(RecordTest, MediatorIsNotKept) {
+TEST_F(RecordTest, NameAndMediator) {
     class Mediator : public kycam::IMediator {};
     auto mediator = std::make_shared<Mediator>();
     QcomPostProcInfo record;
+    EXPECT_EQ(record.getName(), "QcomPostProcInfo");
     sim::kycam::clearLines();
+    record.setName("x");
     record.setMediator(mediator);
-    EXPECT_EQ(mediator.use_count(), 1);
+    EXPECT_EQ(record.getName(), "x");
+    EXPECT_EQ(mediator.use_count(), 1) << "not kept";
     EXPECT_THAT(sim::kycam::lines(), IsEmpty());
 }
 
-using RecordDeathTest = RecordTest;
-
-TEST_F(RecordDeathTest, InstanceCounterOverflowAborts) {
+TEST_F(RecordTest, InstanceCounterLeavingItsRangeAborts) {
     EXPECT_DEATH(
             {
                 QcomPostProcInfo::mSum = UINT64_MAX;
                 QcomPostProcInfo record;
             },
             "");
-}
-
-TEST_F(RecordDeathTest, InstanceCounterUnderflowAborts) {
     auto record = std::make_unique<QcomPostProcInfo>();
     EXPECT_DEATH(
             {
@@ -136,6 +94,76 @@ TEST_F(RecordDeathTest, InstanceCounterUnderflowAborts) {
                 record.reset();
             },
             "");
+}
+
+int gEvaluations = 0;
+
+int counted(int value) {
+    ++gEvaluations;
+    return value;
+}
+
+enum Level { D, I, W, E, DV };
+void (*const logAt[])(uint32_t) = {
+        [](uint32_t group) { KYA_LOGD(group, "value %d", counted(7)); },
+        [](uint32_t group) { KYA_LOGI(group, "value %d", counted(7)); },
+        [](uint32_t group) { KYA_LOGW(group, "value %d", counted(7)); },
+        [](uint32_t group) { KYA_LOGE(group, "value %d", counted(7)); },
+        [](uint32_t group) { KYA_LOGD_VERBOSE(group, "value %d", counted(7)); },
+};
+
+TEST_F(RecordTest, EachSinkWritesUnderItsOwnConditionsAndEvaluatesOnlyThen) {
+    const uint32_t meta = KYA_LOG_GROUP_META;
+    const struct {
+        Level level;
+        int32_t logLevel;
+        uint32_t enabledGroups;
+        uint32_t mask;
+        bool android;
+        bool logSystem;
+    } cases[] = {
+            // Android: level below priority + 1; log system: mask, or Error.
+            {D, 3, meta, 1, true, true},
+            {D, 4, meta, 1, false, true},
+            {D, 3, meta, 0, true, false},
+            {I, 4, meta, 0, true, false},
+            {I, 5, meta, 1, false, true},
+            {W, 5, meta, 0, true, false},
+            {W, 6, meta, 1, false, true},
+            {E, 6, meta, 0, true, true},
+            {E, 7, meta, 0, false, true},
+            {E, 6, KYA_LOG_GROUP_POSTPROC, 1, false, false},
+            {D, 0, KYA_LOG_GROUP_POSTPROC, 1, false, false},
+            // Reference-count traces need a level below 3.
+            {DV, 3, meta, 0, false, false},
+            {DV, 2, meta, 0, true, false},
+            {DV, 3, meta, 1, false, true},
+    };
+    const int priorities[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_INFO, ANDROID_LOG_WARN,
+                              ANDROID_LOG_ERROR, ANDROID_LOG_DEBUG};
+    const char* const letters[] = {"D", "I", "W", "E", "D"};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "level " << c.level << " logLevel " << c.logLevel
+                                        << " groups " << c.enabledGroups << " mask " << c.mask);
+        sim::kycam::clearLines();
+        gEvaluations = 0;
+        sim::kycam::setLogConfig(c.logLevel, c.enabledGroups, c.mask);
+        logAt[c.level](meta);
+        int written = 0;
+        for (const sim::kycam::LogLine& line : sim::kycam::lines()) {
+            const bool android = line.sink == sim::kycam::Sink::Android;
+            EXPECT_TRUE(android ? c.android : c.logSystem);
+            EXPECT_TRUE(android ? line.priority == priorities[c.level] && line.tag == LOG_TAG
+                                : line.level == letters[c.level] && line.group == meta);
+            // A function object's prefix ends in "operator()()".
+            EXPECT_THAT(android ? line.text : " " + line.function + "()" + line.text,
+                        ::testing::EndsWith(" operator()()value 7"));
+            ++written;
+        }
+        EXPECT_EQ(written, c.android + c.logSystem);
+        // The argument is evaluated once per writing sink, never otherwise.
+        EXPECT_EQ(gEvaluations, written);
+    }
 }
 
 }  // namespace

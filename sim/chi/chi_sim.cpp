@@ -161,7 +161,7 @@ void ChiMetadata::Invalidate() {
     }
 }
 
-CDKResult ChiMetadata::Copy(ChiMetadata& source, bool /*disjoint*/) {
+CDKResult ChiMetadata::Copy(ChiMetadata& source, bool disjoint) {
     std::lock_guard<std::mutex> lock(gMutex);
     sim::record("chi", "Copy", this);
     sim::chi::MetaState* from = live(&source, "Copy (source)");
@@ -170,6 +170,7 @@ CDKResult ChiMetadata::Copy(ChiMetadata& source, bool /*disjoint*/) {
         return -1;
     }
     to->content = from->content;
+    to->arguments.push_back(disjoint ? "Copy 1" : "Copy 0");
     return 0;
 }
 
@@ -184,9 +185,9 @@ CDKResult ChiMetadata::SetAndroidMetadata(const camera_metadata_t* metadata) {
     return 0;
 }
 
-CDKResult ChiMetadata::TranslateToCameraMetadata(camera_metadata_t* dst, bool /*frameworkTagsOnly*/,
-                                                 bool /*filterProperties*/, uint32_t /*numTags*/,
-                                                 uint32_t* /*tagList*/) {
+CDKResult ChiMetadata::TranslateToCameraMetadata(camera_metadata_t* dst, bool frameworkTagsOnly,
+                                                 bool filterProperties, uint32_t numTags,
+                                                 uint32_t* tagList) {
     std::lock_guard<std::mutex> lock(gMutex);
     sim::record("chi", "TranslateToCameraMetadata", this);
     sim::chi::MetaState* state = live(this, "TranslateToCameraMetadata");
@@ -194,6 +195,10 @@ CDKResult ChiMetadata::TranslateToCameraMetadata(camera_metadata_t* dst, bool /*
         return -1;
     }
     sim::camera_metadata::setContent(dst, state->content);
+    char arguments[64];
+    snprintf(arguments, sizeof(arguments), "Translate %d %d %u %p", frameworkTagsOnly,
+             filterProperties, numTags, static_cast<void*>(tagList));
+    state->arguments.push_back(arguments);
     return 0;
 }
 
