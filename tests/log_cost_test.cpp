@@ -3,7 +3,8 @@
 // evaluates and formats nothing; a line that writes formats once per sink and
 // never allocates; a lifecycle makes the platform calls of the benchmarks'
 // hand-written floor (bench/workload.h) and allocates, step by step, what it
-// does. The process counts its mallocs and formats (sim/probes).
+// does; a buffer it adopted it frees once. The process counts its mallocs,
+// frees and formats (sim/probes).
 #include <QcomPostProcInfo.h>
 
 #include <sim/probes.h>
@@ -108,6 +109,16 @@ TEST_F(LogCostTest, NoLineAllocatesAtAnyLevel) {
     };
     errorLines(7, 0);
     EXPECT_EQ(errorLines(0, 0xFFFFFFFF), errorLines(7, 0));
+}
+
+TEST_F(LogCostTest, AdoptedBuffersAreFreedOnceWithTheRecord) {
+    auto record = std::make_unique<QcomPostProcInfo>();
+    void* owned = malloc(64);
+    record->createTuningParams()->mDebug3ABuffers = {{0, {64, owned}}, {1, {64, owned}}};
+    record->setTuningMetaBufs(*record->mTuningParam);
+    probe::watch(owned);
+    record.reset();
+    EXPECT_EQ(probe::watchedFrees(), 1);
 }
 
 TEST_F(LogCostTest, LifecycleAllocatesAndCallsWhatTheFloorDoes) {

@@ -335,13 +335,21 @@ TEST_F(TuningTest, ImportTargetsLogicalOrMappedCamerasOnly) {
 }
 
 TEST_F(TuningTest, CreateTuningMetaBufs) {
-    request({}, true);
+    request({"0"}, true, {1, 0, 0, 1});
     record->destroyTuningMetaBufs();
-    sim::clearJournal();
+    fresh();
     record->createTuningMetaBufs();
-    // One reference count per sink that writes the creation line.
+    // The attributes of the request; one reference count per sink that
+    // writes a creation line.
+    EXPECT_THAT(made(record->m_pPrivResult), ElementsAre("1 0"));
+    EXPECT_THAT(made(phy(0)), ElementsAre("0 1"));
     EXPECT_THAT(sim::opSequence("chi"),
-                ElementsAre("Create", "ReferenceCount", "ReferenceCount", "AddReference"));
+                ElementsAre("Create", "ReferenceCount", "ReferenceCount",
+                            "ExtensionModule::GetInstance", "Create", "ReferenceCount",
+                            "ReferenceCount", "AddReference", "AddReference"));
+    EXPECT_THAT(androidMessages(),
+                Contains(r() + " m_pPrivResult " + hex(record->m_pPrivResult) +
+                         " request phyCamIdSet size 1 mSamelogical_PhyResult 0"));
     record->destroyTuningMetaBufs();
     record->mAndroidMetaTranslated = true;
     sim::clearJournal();

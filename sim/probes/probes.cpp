@@ -20,6 +20,8 @@ void __libc_free(void* pointer);
 namespace {
 
 thread_local probe::Counts tCounts = {0, 0, 0};
+thread_local const void* tWatched = nullptr;
+thread_local long tWatchedFrees = 0;
 
 using VsnprintfFn = int (*)(char*, size_t, const char*, va_list);
 using VsnprintfChkFn = int (*)(char*, size_t, int, size_t, const char*, va_list);
@@ -57,6 +59,15 @@ Counts counts() {
     return tCounts;
 }
 
+void watch(const void* pointer) {
+    tWatched = pointer;
+    tWatchedFrees = 0;
+}
+
+long watchedFrees() {
+    return tWatchedFrees;
+}
+
 }  // namespace probe
 
 extern "C" {
@@ -84,6 +95,7 @@ void* realloc(void* pointer, size_t size) {
 void free(void* pointer) {
     if (pointer != nullptr) {
         ++tCounts.frees;
+        tWatchedFrees += pointer == tWatched ? 1 : 0;
     }
     __libc_free(pointer);
 }

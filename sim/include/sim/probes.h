@@ -17,6 +17,10 @@ struct Counts {
 // This thread's counts since it started.
 Counts counts();
 
+// Counts, from now on, how often this thread frees one pointer.
+void watch(const void* pointer);
+long watchedFrees();
+
 inline Counts operator-(const Counts& a, const Counts& b) {
     return {a.allocations - b.allocations, a.frees - b.frees, a.formats - b.formats};
 }
