@@ -24,7 +24,8 @@ check-example: deps
 	./tools/ensure-packages $(EXAMPLE_PACKAGES)
 	rm -rf $(EXAMPLE_DIR)
 	$(call QUIETLY,$(EXAMPLE_DIR)/install.log) sh -c '$(CMAKE) -S . -B $(EXAMPLE_DIR)/project \
-		-DCMAKE_BUILD_TYPE=Release && $(CMAKE) --build $(EXAMPLE_DIR)/project -j$(JOBS) && \
+		-DCMAKE_BUILD_TYPE=Release -DPOSTPROC_BUILD_TESTS=OFF -DPOSTPROC_BUILD_DEMO=OFF && \
+		$(CMAKE) --build $(EXAMPLE_DIR)/project -j$(JOBS) && \
 		$(CMAKE) --install $(EXAMPLE_DIR)/project --prefix $(EXAMPLE_PREFIX)'
 	$(call QUIETLY,$(EXAMPLE_DIR)/package.log) sh -c '$(CMAKE) -S examples \
 		-B $(EXAMPLE_DIR)/package -DCMAKE_PREFIX_PATH=$(EXAMPLE_PREFIX) && \

@@ -53,6 +53,13 @@ TEST_F(CopyTest, DeepCopyMakesNewObjectsWithTheSourcesContents) {
     EXPECT_EQ(std::vector<const char*>(copy.m_pPrivPhyCamIds, copy.m_pPrivPhyCamIds + 2),
               std::vector<const char*>(record->m_pPrivPhyCamIds, record->m_pPrivPhyCamIds + 2));
     EXPECT_EQ(copy.m_pPrivPhyResults[1], copy.mPrivPhyResultMap.at(2));
+    const std::string deep = hex(&copy) + " deep Construct, ";
+    EXPECT_THAT(messages(sim::kycam::Sink::LogSystem, "I"),
+                ::testing::IsSupersetOf(
+                        {deep + "m_pPrivPhyResults " + hex(copy.m_pPrivPhyResults) +
+                                 " index is 1 from other.m_pPrivPhyResults[1] " + hex(phy(2)),
+                         deep + "m_pPrivResult " + hex(copy.m_pPrivResult) +
+                                 " from other.m_pPrivResult " + hex(record->m_pPrivResult)}));
     EXPECT_THAT(androidMessages().back(),
                 "Deep Construct QcomPostProcInfo " + hex(&copy) + " m_pPrivResult " +
                         hex(copy.m_pPrivResult) + ", after sum 2, info from QcomPostProcInfo " +
@@ -63,22 +70,6 @@ TEST_F(CopyTest, DeepCopyMakesNewObjectsWithTheSourcesContents) {
     EXPECT_TRUE(sim::iqbm::counters().registered);
     owned.reset();
     EXPECT_THAT(sim::iqbm::events(), ElementsAre("unregister:KYHAL"));
-}
-
-TEST_F(CopyTest, DeepCopyOfASourceWithoutUsablePrivateResults) {
-    for (bool translated : {false, true}) {
-        fill();
-        record->mSupportPrivMeta = translated;
-        record->mAndroidMetaTranslated = translated;
-        QcomPostProcInfo copy(*record);
-        EXPECT_EQ(
-                std::make_tuple(copy.m_pPrivResult, copy.m_pPrivPhyResults, copy.m_pPrivPhyCamIds),
-                std::make_tuple(nullptr, nullptr, nullptr));
-        EXPECT_EQ(sim::count("Create"), 0u);
-        EXPECT_EQ(copy.mAndroidMetaTranslated, translated);
-        record->mSupportPrivMeta = true;
-        record->destroyPrivResultMeta();
-    }
 }
 
 TEST_F(CopyTest, DeepCopyFindsTheSharedLogicalResult) {
@@ -138,23 +129,29 @@ TEST_F(CopyTest, DeepCopyKeepsTheFirstOfIdsEqualAfterAtoi) {
 }
 
 TEST_F(CopyTest, CloneTakesItsOwnReferencesOnlyOnRequest) {
-    adapter::DebugData data = {8, a};
-    adapter::DebugDataTuningMetaArray array = {2, {{8, b}, {8, a}}};
-    record->keep3aDebugData(1, &data, false);
-    record->keepTuningDDArray(1, &array, false);
-    std::shared_ptr<PostProcInfo> bare = record->clone(false);
-    EXPECT_THAT(as(bare).m3aDebugDataMap, IsEmpty());
-    EXPECT_EQ(sim::iqbm::refCount(a), 1);
-    sim::kycam::clearLines();
-    std::shared_ptr<PostProcInfo> owning = record->clone(true);
-    EXPECT_EQ(androidMessages()[0],
-              "Clone QcomPostProcInfo " + hex(record.get()) + " needOwnDebugData 1");
-    EXPECT_EQ(as(owning).m3aDebugDataMap.at(1).pData, a);
-    EXPECT_EQ(as(owning).mTuningDDArrayMap.at(1).count, 2u);
-    EXPECT_EQ(sim::iqbm::refCount(a) + sim::iqbm::refCount(b), 4);
-    owning.reset();
-    bare.reset();
-    EXPECT_EQ(sim::iqbm::refCount(a), 1);
+    for (bool manager : {true, false}) {
+        record = std::make_unique<QcomPostProcInfo>();
+        record->mEnableIQBM = manager;
+        auto refs = manager ? sim::iqbm::refCount : sim::kycam::debugDataRefCount;
+        adapter::DebugData data = {8, a};
+        adapter::DebugDataTuningMetaArray array = {2, {{8, b}, {8, a}}};
+        record->keep3aDebugData(1, &data, false);
+        record->keepTuningDDArray(1, &array, false);
+        std::shared_ptr<PostProcInfo> bare = record->clone(false);
+        EXPECT_THAT(as(bare).m3aDebugDataMap, IsEmpty());
+        EXPECT_EQ(refs(a), 1);
+        sim::kycam::clearLines();
+        std::shared_ptr<PostProcInfo> owning = record->clone(true);
+        EXPECT_EQ(androidMessages()[0],
+                  "Clone QcomPostProcInfo " + hex(record.get()) + " needOwnDebugData 1");
+        EXPECT_EQ(as(owning).m3aDebugDataMap.at(1).pData, a);
+        EXPECT_EQ(as(owning).mTuningDDArrayMap.at(1).count, 2u);
+        EXPECT_EQ(refs(a) + refs(b), 4) << "with either keeper";
+        owning.reset();
+        bare.reset();
+        record.reset();
+        EXPECT_EQ(refs(a) + refs(b), 0);
+    }
 }
 
 TEST_F(CopyTest, ShallowCloneSharesObjectsAndReferencesThem) {
@@ -163,6 +160,8 @@ TEST_F(CopyTest, ShallowCloneSharesObjectsAndReferencesThem) {
     record->mReplacedPrivResults.insert(parked);
     adapter::DebugData data = {8, a};
     record->keep3aDebugData(0, &data, false);
+    adapter::DebugDataTuningMetaArray array = {1, {data}};
+    record->keepTuningDDArray(2, &array, false);
     std::shared_ptr<PostProcInfo> info = record->shallowClone(true);
     QcomPostProcInfo& clone = as(info);
     EXPECT_EQ(std::tie(clone.m_pPrivResult, clone.m_pPrivPhyResults, clone.m_pPrivPhyCamIds,
@@ -176,6 +175,7 @@ TEST_F(CopyTest, ShallowCloneSharesObjectsAndReferencesThem) {
     EXPECT_EQ(refs(parked), 0u);
     EXPECT_EQ(clone.mDebugDataSet, record->mDebugDataSet);
     EXPECT_EQ(clone.m3aDebugDataMap.at(0).pData, a);
+    EXPECT_EQ(clone.mTuningDDArrayMap.at(2).entries[0].pData, a);
     EXPECT_EQ(sim::iqbm::refCount(a), 1) << "no reference taken for the copied set";
     EXPECT_EQ(sim::count("Create"), 1u) << "only the parked meta of this test";
     EXPECT_THAT(androidMessages(),
@@ -196,31 +196,30 @@ TEST_F(CopyTest, ShallowCloneSharesObjectsAndReferencesThem) {
     as(info).mSupportPrivMeta = false;  // its set names no objects of its own
 }
 
-TEST_F(CopyTest, ResetOfANewRecordChangesOnlyTheKeeper) {
-    fresh();
-    record->reset();
-    record->reset();
-    EXPECT_TRUE(sim::calls().empty() && sim::kycam::lines().empty());
-    EXPECT_FALSE(record->mEnableIQBM || record->mSupportPrivMeta);
-}
-
 TEST_F(CopyTest, ResetReleasesOnceThenKeepsThroughTheFramework) {
     fill();
     adapter::DebugData data = {8, a};
     record->keep3aDebugData(0, &data, false);
+    adapter::DebugDataTuningMetaArray array = {1, {data}};
+    record->keepTuningDDArray(0, &array, false);
     record->mHostFlag0 = true;
     record->mHostFlag1 = true;
     record->mAndroidMetaTranslated = true;
     void* logical = record->m_pPrivResult;
+    void* ended = record->createChiMeta(false, false);
+    record->destroyChiMeta(ended);
     sim::kycam::clearLines();
     record->reset();
     record->reset();
+    record->destroyChiMeta(ended);
+    EXPECT_EQ(sim::count("Destroy", ended), 1u) << "a destroyed handle is still refused";
     EXPECT_EQ(sim::iqbm::refCount(a), 0);
     EXPECT_EQ(sim::count("IBMIntfBufDecRef", a), 1u);
     EXPECT_THAT(androidMessages(),
                 Contains("[Offline DebugData] PostProcsInfo " + hex(record.get()) +
                          " mEnableIQBM 1 reset debugData pData:" + hex(a) + " after dec ref is 0"));
     EXPECT_FALSE(record->mHostFlag0 || record->mHostFlag1 || record->mAndroidMetaTranslated);
+    EXPECT_TRUE(record->m3aDebugDataMap.empty() && record->mTuningDDArrayMap.empty());
     EXPECT_EQ(record->m_pPrivResult, logical) << "private results are kept for reuse";
     EXPECT_EQ(sim::chi::invalidations(logical), 2u);
     record->keep3aDebugData(0, &data, false);
@@ -231,23 +230,6 @@ TEST_F(CopyTest, ResetReleasesOnceThenKeepsThroughTheFramework) {
     EXPECT_THAT(androidMessages(), Contains(StartsWith("[Offline DebugData] PostProcsInfo " +
                                                        hex(address) + " mEnableIQBM 0 destruct")));
     EXPECT_EQ(sim::kycam::debugDataRefCount(a), 0);
-}
-
-TEST_F(CopyTest, ResetFreesOwnedBuffersAndStillRefusesDestroyedHandles) {
-    fill();
-    void* owned = malloc(8);
-    record->createTuningParams()->mDebug3ABuffers[0] = {8, owned};
-    record->setTuningMetaBufs(*record->mTuningParam);
-    void* meta = record->createChiMeta(false, false);
-    record->destroyChiMeta(meta);
-    fresh();
-    record->reset();
-    EXPECT_EQ(sim::count("IBMIntfBufDecRef") + sim::count("SubDebugDataReference"), 0u);
-    EXPECT_THAT(androidMessages(), Contains(r() + " free data:" + hex(owned)));
-    EXPECT_TRUE(record->mFreeDebugData);
-    EXPECT_NE(record->mTuningParam, nullptr);
-    record->destroyChiMeta(meta);
-    EXPECT_EQ(sim::count("Destroy"), 0u);
 }
 
 }  // namespace

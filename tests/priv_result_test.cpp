@@ -67,6 +67,7 @@ TEST_F(ChiMetaTest, DestroyOnceRefuseNullAndDump) {
     record->destroyChiMeta(meta);
     EXPECT_NE(meta, nullptr) << "the caller's handle is left as it is";
     EXPECT_EQ(sim::count("Destroy", meta), 1u) << "whatever the reference count";
+    EXPECT_THAT(made(meta), ElementsAre("0 0", "Destroy 1"));
     EXPECT_EQ(chiMetaSum(), sum - 1);
     EXPECT_THAT(androidMessages(),
                 ElementsAre("Destroy chiMetaHandle is null",
@@ -169,6 +170,11 @@ TEST_F(ChiRefTest, InUseScanStopsAtTheFirstMetaInUse) {
     EXPECT_EQ(sim::count("ReferenceCount", phy(1)), 0u) << "the scan went past the meta in use";
     EXPECT_THAT(androidMessages(), ElementsAre(qc(logical, " ref 0"), qc(phy(0), " ref 1")));
     unref(phy(0));
+    for (void* meta : {logical, parked}) {
+        ref(meta);
+        EXPECT_TRUE(record->isMetaUsedInQC());
+        unref(meta);
+    }
 }
 
 TEST_F(ChiRefTest, ResetTestReadsTheCountAgainForEachSinkThatWrites) {
@@ -293,8 +299,10 @@ TEST_F(PrivResultTest, SupportSamePhysical) {
 
 TEST_F(PrivResultTest, DestroyEndsEveryObjectOnce) {
     request({"0", "1"}, true);
+    record->mReplacedPrivResults.insert(record->createChiMeta(false, false));
     record->destroyPrivResultMeta();
-    EXPECT_EQ(sim::count("Destroy"), 3u);
+    EXPECT_EQ(sim::count("Destroy"), 4u) << "the parked one too";
+    EXPECT_THAT(record->mReplacedPrivResults, IsEmpty());
     EXPECT_EQ(std::tie(record->m_pPrivResult, record->m_pPrivPhyResults, record->m_pPrivPhyCamIds),
               std::make_tuple(nullptr, nullptr, nullptr));
     EXPECT_TRUE(record->mPhyCamIdSet.empty() && record->mSupportPrivMeta);
@@ -303,7 +311,7 @@ TEST_F(PrivResultTest, DestroyEndsEveryObjectOnce) {
     record->m_pPrivResult = phy(1);
     record->destroyPrivResultMeta();
     EXPECT_EQ(record->m_pPrivResult, nullptr);
-    EXPECT_EQ(sim::count("Destroy"), 5u);
+    EXPECT_EQ(sim::count("Destroy"), 6u);
     // Without private results nothing is touched.
     void* meta = record->createChiMeta(false, false);
     record->mPrivPhyResultMap[0] = meta;
@@ -311,7 +319,7 @@ TEST_F(PrivResultTest, DestroyEndsEveryObjectOnce) {
     record->mSupportPrivMeta = false;
     record->destroyPrivResultMeta();
     EXPECT_EQ(record->mPrivPhyResultMap.size(), 1u);
-    EXPECT_EQ(sim::count("Destroy"), 5u);
+    EXPECT_EQ(sim::count("Destroy"), 6u);
     record->destroyChiMeta(meta);
     record->mPrivPhyResultMap.clear();
 }
@@ -332,11 +340,16 @@ TEST_F(PrivResultTest, AttachToTheHalRequest) {
     // A logical result that is one of the physical ones is not handed over.
     request({"0", "1"}, false);
     record->m_pPrivResult = phy(0);
+    sim::kycam::clearLines();
     record->setHalRequestPrivResultMeta(&halRequest);
     EXPECT_EQ(block(halRequest),
               std::make_tuple(nullptr, record->m_pPrivPhyCamIds, 2u, record->m_pPrivPhyResults));
-    EXPECT_EQ(androidMessages().back(), r() + " halRequest priv_result (nil) priv_physcam_result " +
-                                                hex(record->m_pPrivPhyResults));
+    EXPECT_THAT(androidMessages(),
+                ElementsAre(r() + " m_pPrivResult " + hex(phy(0)) +
+                                    " request phyCamIdSet size 2 m_pPrivPhyResults " +
+                                    hex(record->m_pPrivPhyResults) + " mSamelogical_PhyResult 1",
+                            r() + " halRequest priv_result (nil) priv_physcam_result " +
+                                    hex(record->m_pPrivPhyResults)));
 }
 
 TEST_F(PrivResultTest, MissingFirstPhysicalResultWithdrawsTheWholeBlock) {

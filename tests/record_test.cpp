@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Record lifetime and the log conventions: the instance counter, the IQ
-// buffer manager registration at the 0/1 boundaries, the lifetime lines, and
-// which sink writes under which level, group and mask.
-#include <QcomPostProcInfo.h>
-#include <cutils/properties.h>
-#include <sim/iqbm.h>
-
+// Record lifetime and the log conventions: the instance counter, the
+// lifetime lines, and which sink writes under which level, group and mask.
+// (The manager's registration at the 0/1 boundaries: stress_test.cpp.)
 #include <memory>
 
 #include "support/sim_test.h"
@@ -19,24 +15,9 @@ class RecordTest : public SimTest {
   protected:
     void SetUp() override {
         SimTest::SetUp();
-        sim::iqbm::clearBuffers();
         ASSERT_EQ(QcomPostProcInfo::mSum, 0u);
     }
 };
-
-TEST_F(RecordTest, RegistersWithTheFirstRecordAndUnregistersWithTheLast) {
-    EXPECT_EQ(property_get_int32("persist.vendor.camera.enableIQBM", 1), 1);
-    auto first = std::make_unique<QcomPostProcInfo>();
-    EXPECT_TRUE(first->mEnableIQBM) << "the property at its default";
-    auto second = std::make_unique<QcomPostProcInfo>();
-    EXPECT_EQ(QcomPostProcInfo::mSum, 2u);
-    first.reset();
-    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL"));
-    second.reset();
-    { QcomPostProcInfo third; }
-    EXPECT_THAT(sim::iqbm::events(), ElementsAre("register:KYHAL", "unregister:KYHAL",
-                                                 "register:KYHAL", "unregister:KYHAL"));
-}
 
 TEST_F(RecordTest, LifetimeLinesCountAfterAndBeforeOnBothSinks) {
     sim::kycam::setLogConfig(3, KYA_LOG_GROUP_POSTPROC, 1);
@@ -67,24 +48,12 @@ TEST_F(RecordTest, LifetimeLinesCountAfterAndBeforeOnBothSinks) {
                                      ", before sum 1");
 }
 
-TEST_F(RecordTest, NameAndMediator) {
-    class Mediator : public kycam::IMediator {};
-    auto mediator = std::make_shared<Mediator>();
-    QcomPostProcInfo record;
-    EXPECT_EQ(record.getName(), "QcomPostProcInfo");
-    sim::kycam::clearLines();
-    record.setName("x");
-    record.setMediator(mediator);
-    EXPECT_EQ(record.getName(), "x");
-    EXPECT_EQ(mediator.use_count(), 1) << "not kept";
-    EXPECT_THAT(sim::kycam::lines(), IsEmpty());
-}
-
 TEST_F(RecordTest, InstanceCounterLeavingItsRangeAborts) {
+    // The construction itself must stop: nothing is destroyed afterwards.
     EXPECT_DEATH(
             {
                 QcomPostProcInfo::mSum = UINT64_MAX;
-                QcomPostProcInfo record;
+                new QcomPostProcInfo();
             },
             "");
     auto record = std::make_unique<QcomPostProcInfo>();

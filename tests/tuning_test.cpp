@@ -68,7 +68,9 @@ TEST_P(DebugDataTest, OneReferencePerDistinctBufferGivenBackOnce) {
     adapter::DebugDataTuningMetaArray empty = {0, {{8, a}}};
     record->keepTuningDDArray(0, &empty, false);
     EXPECT_EQ(record->mTuningDDArrayMap.at(0).count, 3u) << "a count of 0 is not stored";
-    EXPECT_TRUE(sim::calls().empty() && sim::kycam::lines().empty());
+    adapter::DebugDataTuningMetaArray beyond = {1, {{0, nullptr}, {8, a}}};
+    record->keepTuningDDArray(1, &beyond, false);
+    EXPECT_TRUE(sim::calls().empty() && sim::kycam::lines().empty()) << "entries past the count";
 
     const std::string release = "[Offline DebugData] " + r() + " mEnableIQBM " +
                                 std::to_string(manager()) + " destruct debugData pData:";
@@ -198,6 +200,7 @@ TEST_F(TuningTest, TranslateOneMetaOrOneCamera) {
     EXPECT_EQ(record->mPrivPhyResultMap.count(5), 0u);
     camera_metadata_t* camera0 = record->transToAndroidMetaWithCameraId(0);
     EXPECT_EQ(capacity(camera0), kSmall);
+    EXPECT_EQ(capacity(logical), kSmall);
     EXPECT_THAT(made(record->m_pPrivResult), ElementsAre("0 0", "Translate 1 0 0 (nil)"));
     EXPECT_THAT(made(phy(0)), ElementsAre("0 0", "Translate 1 0 0 (nil)"));
     EXPECT_THAT(androidMessages(),
@@ -260,7 +263,13 @@ TEST_F(TuningTest, ExportAndImportMovePointersOnly) {
 
     // The importing record made the tuning parameters and owns what it adopts.
     params().mTransAllMetas = true;
+    sim::kycam::clearLines();
     source.getTuningMetaBufs(params(), nullptr, false);
+    const std::string s = "PostProcsInfo " + hex(&source);
+    EXPECT_THAT(androidMessages(),
+                ElementsAre(s + " transAllToAndroidMetas",
+                            "3A debug " + s + " cameraId:0 buffer:" + hex(a) + " size:64",
+                            "3A debug " + s + " cameraId:2 buffer:" + hex(b) + " size:32", s));
     ASSERT_EQ(params().getTuningMetasSize(), 3);
     EXPECT_EQ(capacity(params().mTuningMetas.at(0)), kLarge);
     EXPECT_THAT(made(source.m_pPrivResult), ElementsAre("0 0", "Translate 0 0 0 (nil)"));
@@ -318,22 +327,6 @@ TEST_F(TuningTest, ExportKeepsWhatTheObjectAlreadyHas) {
     record->mFreeDebugData = false;  // the descriptor is on the stack
 }
 
-TEST_F(TuningTest, ImportTargetsLogicalOrMappedCamerasOnly) {
-    request({"0"}, false);
-    camera_metadata_t* logical = allocate_camera_metadata(1, 1);
-    sim::camera_metadata::setContent(logical, "for -1");
-    params().mTuningMetas = {{-1, logical}, {7, allocate_camera_metadata(1, 1)}};
-    fresh();
-    record->setTuningMetaBufs(params());
-    EXPECT_EQ(sim::count("SetAndroidMetadata"), 0u) << "no logical result and no entry -1";
-    EXPECT_THAT(androidMessages(), ElementsAre(r()));
-    record->mPrivPhyResultMap[-1] = phy(0);
-    record->setTuningMetaBufs(params());
-    EXPECT_EQ(sim::chi::content(phy(0)), "for -1");
-    record->mPrivPhyResultMap.erase(-1);
-    freeExported();
-}
-
 TEST_F(TuningTest, CreateTuningMetaBufs) {
     request({"0"}, true, {1, 0, 0, 1});
     record->destroyTuningMetaBufs();
@@ -350,7 +343,14 @@ TEST_F(TuningTest, CreateTuningMetaBufs) {
     EXPECT_THAT(androidMessages(),
                 Contains(r() + " m_pPrivResult " + hex(record->m_pPrivResult) +
                          " request phyCamIdSet size 1 mSamelogical_PhyResult 0"));
-    record->destroyTuningMetaBufs();
+    fresh();
+    record->destroyTuningMetaBufs();  // gives its references back first
+    EXPECT_THAT(sim::opSequence("chi"),
+                ElementsAre("ReleaseReference", "Invalidate", "ReleaseReference", "Invalidate",
+                            "ReferenceCount", "ReferenceCount", "Destroy", "ReferenceCount",
+                            "ReferenceCount", "Destroy"));
+    EXPECT_EQ(androidMessages().back(),
+              r() + " m_pPrivResult (nil) request phyCamIdSet size 1 mSamelogical_PhyResult 0");
     record->mAndroidMetaTranslated = true;
     sim::clearJournal();
     record->createTuningMetaBufs();

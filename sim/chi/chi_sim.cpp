@@ -97,7 +97,7 @@ ChiMetadata* ChiMetadata::Create(const uint32_t* tagList, uint32_t tagCount, boo
     return reinterpret_cast<ChiMetadata*>(object->identity);
 }
 
-CDKResult ChiMetadata::Destroy(bool /*force*/) {
+CDKResult ChiMetadata::Destroy(bool force) {
     std::lock_guard<std::mutex> lock(gMutex);
     sim::record("chi", "Destroy", this);
     auto found = gStates.find(this);
@@ -110,6 +110,7 @@ CDKResult ChiMetadata::Destroy(bool /*force*/) {
         return -1;
     }
     state->destroyed = true;
+    state->arguments.push_back(force ? "Destroy 1" : "Destroy 0");
     return 0;
 }
 

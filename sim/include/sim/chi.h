@@ -30,9 +30,10 @@ struct MetaState {
     std::string content;  // what Copy, SetAndroidMetadata and Translate move
     CreateArgs args;
     std::vector<std::string> dumps;  // names given to DumpDetailsToFile
-    // Arguments of each Copy into it and each translation of it, in call
-    // order: "Copy 0" (disjoint), "Translate 1 0 0 (nil)" (frameworkTagsOnly,
-    // filterProperties, numTags, tagList).
+    // Arguments of each Copy into it, each translation of it and its
+    // destruction, in call order: "Copy 0" (disjoint), "Translate 1 0 0
+    // (nil)" (frameworkTagsOnly, filterProperties, numTags, tagList),
+    // "Destroy 1" (force).
     std::vector<std::string> arguments;
 };
 
