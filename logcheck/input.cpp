@@ -75,6 +75,9 @@ bool parseThreadtime(std::string_view line, Entry* entry) {
     int count = 0;
     while (pos < line.size()) {
         pos = line.find_first_not_of(' ', pos);
+        if (pos == std::string_view::npos) {
+            return false;  // blanks to the end
+        }
         if (pos + 1 < line.size() && isPriority(line[pos]) && line[pos + 1] == ' ' && count >= 2) {
             entry->pid = numbers[count - 2];
             entry->tid = numbers[count - 1];

@@ -170,8 +170,8 @@ TEST_F(LogcheckTest, EveryFormatRebuildsTheSimulationsBooks) {
         noisy += threadtime.substr(at, end - at) + "\r\n";
         if (at % 5 == 0) {
             noisy += "11-14 22:13:20.123  1234  1301 I CameraProvider: frame 12\n" +
-                     threadtime.substr(at, 20) + "\n\x01\x7f garbage\n";
-            garbled += 2;
+                     threadtime.substr(at, 20) + "\n\x01\x7f garbage\n. \n";
+            garbled += 3;
         }
     }
     for (const char* format : {"threadtime", "threadtime,year,usec", "threadtime,UTC,zone",
