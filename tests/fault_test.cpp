@@ -2,8 +2,6 @@
 // Faults of the platform (CHI metadata objects that are not made, camera
 // metadata that cannot be allocated): the record answers with its log lines
 // or with nothing, and the ledger still balances.
-#include <chi/chxmetadata.h>
-
 #include "support/sim_test.h"
 
 using ::testing::ElementsAreArray;

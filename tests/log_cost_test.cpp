@@ -5,8 +5,6 @@
 // hand-written floor (bench/workload.h) and allocates, step by step, what it
 // does; a buffer it adopted it frees once. The process counts its mallocs,
 // frees and formats (sim/probes).
-#include <QcomPostProcInfo.h>
-
 #include <sim/probes.h>
 #include "support/sim_test.h"
 #include "workload.h"

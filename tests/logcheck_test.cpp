@@ -3,7 +3,6 @@
 // written as logcat writes them, rebuild the books the simulation kept, and
 // each host rule broken on purpose comes back as exactly the finding
 // expected, on the object expected.
-#include <QcomPostProcInfo.h>
 #include <logcheck.h>
 #include <sim/iqbm.h>
 #include <sim/logcat.h>

@@ -4,7 +4,6 @@
 // records keep debug data through the framework's counters. ctest runs the
 // copy of this program that sits with copies of its libraries in a directory
 // without the manager.
-#include <QcomPostProcInfo.h>
 #include <cutils/properties.h>
 #include <dlfcn.h>
 

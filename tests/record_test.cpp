@@ -2,8 +2,6 @@
 // Record lifetime and the log conventions: the instance counter, the
 // lifetime lines, and which sink writes under which level, group and mask.
 // (The manager's registration at the 0/1 boundaries: stress_test.cpp.)
-#include <memory>
-
 #include "support/sim_test.h"
 
 using adapter::QcomPostProcInfo;

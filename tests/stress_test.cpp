@@ -3,7 +3,6 @@
 // data kept on one shared record from all of them. Afterwards the class
 // counters, the IQ buffer manager's registration and every reference must be
 // back where they started. make check-tsan runs this under ThreadSanitizer.
-#include <QcomPostProcInfo.h>
 #include <sim/iqbm.h>
 
 #include <atomic>

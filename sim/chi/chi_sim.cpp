@@ -210,7 +210,7 @@ CDKResult ChiMetadata::DumpDetailsToFile(const char* name) {
     if (state == nullptr) {
         return -1;
     }
-    state->dumps.push_back(name != nullptr ? name : "");
+    state->arguments.push_back(std::string("Dump ") + (name != nullptr ? name : ""));
     return 0;
 }
 

@@ -29,11 +29,10 @@ struct MetaState {
     bool destroyed;
     std::string content;  // what Copy, SetAndroidMetadata and Translate move
     CreateArgs args;
-    std::vector<std::string> dumps;  // names given to DumpDetailsToFile
-    // Arguments of each Copy into it, each translation of it and its
+    // Arguments of each Copy into it, each translation, dump and its
     // destruction, in call order: "Copy 0" (disjoint), "Translate 1 0 0
     // (nil)" (frameworkTagsOnly, filterProperties, numTags, tagList),
-    // "Destroy 1" (force).
+    // "Dump meta[0x...]" (the file name), "Destroy 1" (force).
     std::vector<std::string> arguments;
 };
 
