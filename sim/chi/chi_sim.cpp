@@ -32,6 +32,10 @@ std::vector<Object*>& gObjects = *new std::vector<Object*>();
 std::vector<Object*>& gForgotten = *new std::vector<Object*>();
 uint64_t gSerial = 0;
 size_t gCreateCalls = 0;
+sim::chi::Books gBooks = {};
+bool gRecycling = false;
+// Destroyed objects whose address the next Create reuses, last freed first.
+std::vector<Object*>& gFreed = *new std::vector<Object*>();
 std::vector<size_t> gFailAt;
 size_t gExtensionRequests = 0;
 ExtensionModule gExtensionModule = {{4, {0, 1, 2, 3}}};
@@ -73,13 +77,22 @@ ChiMetadata* ChiMetadata::Create(const uint32_t* tagList, uint32_t tagCount, boo
         return nullptr;
     }
     Object* object;
-    if (!gForgotten.empty()) {
+    const bool reused = !gFreed.empty();
+    if (reused) {  // still listed in gObjects
+        object = gFreed.back();
+        gFreed.pop_back();
+        gStates.erase(object->identity);
+    } else if (!gForgotten.empty()) {
         object = gForgotten.back();
         gForgotten.pop_back();
     } else {
         object = new Object();
     }
-    gObjects.push_back(object);
+    if (!reused) {
+        gObjects.push_back(object);
+    }
+    ++gBooks.created;
+    gBooks.libraryCreated += tagCount == 1 && tagList != nullptr && tagList[0] == 0x000E001C;
     sim::chi::MetaState state{};
     state.serial = ++gSerial;
     if (tagList != nullptr) {
@@ -111,6 +124,10 @@ CDKResult ChiMetadata::Destroy(bool force) {
     }
     state->destroyed = true;
     state->arguments.push_back(force ? "Destroy 1" : "Destroy 0");
+    ++gBooks.destroyed;
+    if (gRecycling) {
+        gFreed.push_back(reinterpret_cast<Object*>(this));
+    }
     return 0;
 }
 
@@ -300,6 +317,16 @@ void failCreateAt(std::vector<size_t> ordinals) {
     gFailAt = std::move(ordinals);
 }
 
+Books books() {
+    std::lock_guard<std::mutex> lock(gMutex);
+    return gBooks;
+}
+
+void setRecycling(bool recycle) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    gRecycling = recycle;
+}
+
 void forgetDestroyed() {
     std::lock_guard<std::mutex> lock(gMutex);
     size_t kept = 0;
@@ -326,7 +353,9 @@ void reset() {
         delete object;
     }
     gForgotten.clear();
+    gFreed.clear();
     gStates.clear();
+    gBooks = {};
     gSerial = 0;
     gCreateCalls = 0;
     gFailAt.clear();

@@ -9,6 +9,7 @@
 #include <kycam/IMediator.h>
 #include <kycam/TuningParamsBase.h>
 #include <kydebug/Log.h>
+#include <sim/buffers.h>
 #include <sim/journal.h>
 #include <sim/kycam.h>
 
@@ -137,6 +138,7 @@ extern "C" int AddDebugDataReference(adapter::DebugData* debugData) {
         return -1;
     }
     int count = ++gDebugDataRefs[debugData->pData];
+    sim::buffers::taken();
     sim::record("kycam", "AddDebugDataReference", debugData->pData, count);
     return count;
 }
@@ -147,6 +149,7 @@ extern "C" int SubDebugDataReference(adapter::DebugData* debugData) {
         sim::misuse("SubDebugDataReference with a null descriptor");
         return -1;
     }
+    sim::buffers::givenBack();
     int& count = gDebugDataRefs[debugData->pData];
     if (count == 0) {
         // The books stay at zero; the caller sees what the counter would.
@@ -230,12 +233,14 @@ int debugDataRefCount(const void* buffer) {
 
 void setDebugDataRefCount(const void* buffer, int count) {
     std::lock_guard<std::mutex> lock(gRefMutex);
-    gDebugDataRefs[buffer] = count;
+    int& held = gDebugDataRefs[buffer];
+    held = count;
 }
 
 void resetDebugData() {
     std::lock_guard<std::mutex> lock(gRefMutex);
     gDebugDataRefs.clear();
+    sim::buffers::reset();
 }
 
 }  // namespace kycam

@@ -4,6 +4,7 @@
 // unregistering when not registered, and reference calls from an
 // unregistered client are reported as misuse.
 #include <iqbm/IQBufMgrIntf.h>
+#include <sim/buffers.h>
 #include <sim/iqbm.h>
 #include <sim/journal.h>
 
@@ -69,6 +70,7 @@ __attribute__((visibility("default"))) int IBMIntfBufAddRef(void* buffer) {
         sim::misuse("iqbm add reference from an unregistered client");
     }
     int count = ++gRefs[buffer];
+    sim::buffers::taken();
     sim::record("iqbm", "IBMIntfBufAddRef", buffer, count);
     return count;
 }
@@ -81,6 +83,7 @@ __attribute__((visibility("default"))) int IBMIntfBufDecRef(void* buffer) {
     if (!gCounters.registered) {
         sim::misuse("iqbm drop reference from an unregistered client");
     }
+    sim::buffers::givenBack();
     int& count = gRefs[buffer];
     if (count == 0) {
         // The books stay at zero; the caller sees what the counter would.
@@ -121,7 +124,8 @@ int refCount(const void* buffer) {
 
 void setRefCount(const void* buffer, int count) {
     std::lock_guard<std::mutex> lock(gMutex);
-    gRefs[buffer] = count;
+    int& held = gRefs[buffer];
+    held = count;
 }
 
 void clearBuffers() {

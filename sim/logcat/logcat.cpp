@@ -4,6 +4,7 @@
 #include <sim/logcat.h>
 #include <stdlib.h>
 
+#include <random>
 #include <sstream>
 
 namespace sim {
@@ -84,6 +85,71 @@ std::string write(const std::vector<kycam::LogLine>& lines, const std::string& f
         }
     }
     android_log_format_free(printFormat);
+    return text;
+}
+
+std::string phoneLog(const std::vector<kycam::LogLine>& lines, const Phone& phone) {
+    std::mt19937_64 rng(phone.seed);
+    auto roll = [&rng](int n) { return static_cast<int>(rng() % static_cast<uint64_t>(n)); };
+    auto line = [](int pid, int tid, int priority, const char* tag, std::string text) {
+        return kycam::LogLine{kycam::Sink::Android, priority, tag, 0, "", "", "", 0,
+                              std::move(text),      pid,      tid};
+    };
+    std::vector<kycam::LogLine> all;
+    for (const kycam::LogLine& library : lines) {
+        for (int i = phone.noise > 0 ? roll(phone.noise + 1) : 0; i > 0; --i) {
+            switch (roll(6)) {
+                case 0:
+                    all.push_back(line(1100, 1187, 4, "CameraService",
+                                       "frame " + std::to_string(rng() % 100000) + " delivered"));
+                    break;
+                case 1:
+                    // The provider's own threads log under other tags.
+                    all.push_back(
+                            line(library.pid, library.tid, 3, "CamX",
+                                 "[ REQMAP ] request " + std::to_string(rng() % 9) + " queued"));
+                    if (phone.chatty && roll(3) == 0) {
+                        all.push_back(line(library.pid, library.tid, 4, "chatty",
+                                           "uid=1047(cameraserver) provider@2.4-se identical " +
+                                                   std::to_string(1 + roll(20)) + " lines"));
+                    }
+                    break;
+                case 2:
+                    all.push_back(line(1300, 1300, 3, "DEBUG",
+                                       "onServiceConnected pid: " + std::to_string(library.pid)));
+                    break;
+                case 3: {
+                    std::string bytes = "bad bytes ";  // not UTF-8
+                    bytes += {static_cast<char>(0xff), static_cast<char>(0xc3), '('};
+                    all.push_back(line(1400, 1401, 5, "AudioFlinger", bytes));
+                    break;
+                }
+                case 4:
+                    if (roll(200) == 0) {
+                        // A dumpsys line longer than logcat's own reader buffers.
+                        all.push_back(line(1500, 1500, 4, "dumpsys", std::string(70000, 'x')));
+                    }
+                    break;
+                default:
+                    if (roll(50) == 0) {
+                        all.push_back(line(1600, 1601, 7, "libc",
+                                           "Fatal signal 11 (SIGSEGV), code 1 (SEGV_MAPERR), "
+                                           "fault addr 0x0 in tid 1601 (worker), pid 1600 (app)"));
+                    }
+                    break;
+            }
+        }
+        all.push_back(library);
+    }
+    std::string text = write(all, phone.format);
+    if (phone.carriageReturns) {
+        std::string crlf;
+        crlf.reserve(text.size() + all.size());
+        for (char c : text) {
+            crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+        }
+        text = std::move(crlf);
+    }
     return text;
 }
 

@@ -64,6 +64,20 @@ void failCreateAt(std::vector<size_t> ordinals);
 // stale handle is never reused by a later Create) and the fault plan.
 void reset();
 
+// Objects made and ended since the last reset, by every lifetime at every
+// address (a reused address counts again).
+struct Books {
+    size_t created;         // every Create that made an object
+    size_t libraryCreated;  // those with the library's one tag (createChiMeta's)
+    size_t destroyed;       // every Destroy that ended one
+};
+Books books();
+
+// As a phone's allocator does: a destroyed object's address is handed out
+// again by the next Create (the last freed first). Its state is then the new
+// object's; books() keeps the count of both.
+void setRecycling(bool recycle);
+
 // Forgets destroyed objects, keeping the live ones and the fault plan, so
 // that long benchmark runs stay bounded while records hold objects. Later
 // Creates hand the forgotten handle values out again, lowest first (the same

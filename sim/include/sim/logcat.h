@@ -22,5 +22,19 @@ std::vector<kycam::LogLine> androidLines(int32_t pid = 1234);
 std::string write(const std::vector<kycam::LogLine>& lines,
                   const std::string& format = "threadtime");
 
+// What a phone's log holds besides the library's lines.
+struct Phone {
+    uint64_t seed = 0;
+    std::string format = "threadtime";
+    int noise = 0;                 // other lines per library line, at most
+    bool chatty = false;           // logd folds repeats of the provider's other tags
+    bool carriageReturns = false;  // saved on Windows
+};
+
+// The lines among other processes' and other tags' (the provider's own
+// threads included), a line longer than 64 KiB, bytes that are not UTF-8,
+// another process's crash, logd's chatty lines, written as logcat would.
+std::string phoneLog(const std::vector<kycam::LogLine>& lines, const Phone& phone);
+
 }  // namespace logcat
 }  // namespace sim
