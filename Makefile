@@ -12,7 +12,7 @@ CMAKE_FLAGS ?=
 DEMO_ARGS ?=
 
 PACKAGES := cmake make g++ binutils googletest libgtest-dev libgmock-dev \
-	android-liblog-dev android-libcutils-dev android-libbase-dev
+	android-liblog-dev android-libcutils-dev android-libbase-dev android-libziparchive-dev zlib1g-dev nlohmann-json3-dev
 FORMAT_PACKAGES := clang-format
 SOURCES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' 2>/dev/null)
 

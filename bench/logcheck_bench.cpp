@@ -44,9 +44,12 @@ void BM_LogcheckReadsALog(benchmark::State& state) {
         lseek(fd, 0, SEEK_SET);
         const size_t before = mallinfo2().uordblks;
         logcheck::Checker checker;
-        int error = 0;
+        std::string error;
+        int failure = 0;
         const volatile sig_atomic_t stop = 0;
-        logcheck::readLog(fd, logcheck::Format::Auto, checker, stats, &error, &stop);
+        auto source = logcheck::openLog(("/proc/self/fd/" + std::to_string(fd)).c_str(), &failure,
+                                        &error);
+        logcheck::readLog(*source, logcheck::Format::Auto, checker, stats, &error, &stop);
         heap = mallinfo2().uordblks - before;
         checker.finish();
     }

@@ -23,14 +23,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     lseek(fd, 0, SEEK_SET);
     logcheck::Checker checker;
     logcheck::InputStats stats;
-    int error = 0;
+    std::string error;
+    int failure = 0;
     const volatile sig_atomic_t stop = 0;
-    logcheck::readLog(fd, kFormats[data[0] % 6], checker, stats, &error, &stop);
+    auto source =
+            logcheck::openLog(("/proc/self/fd/" + std::to_string(fd)).c_str(), &failure, &error);
+    if (source) {
+        logcheck::readLog(*source, kFormats[data[0] % 6], checker, stats, &error, &stop);
+    }
     close(fd);
     checker.finish();
     static FILE* const sink = fopen("/dev/null", "w");
-    logcheck::printHuman(sink, checker, stats);
-    logcheck::printJson(sink, checker, stats);
+    logcheck::printHuman(sink, checker, stats, {});
+    logcheck::printJson(sink, checker, stats, {});
     for (const logcheck::Process& process : checker.processes()) {
         for (const logcheck::Count* count :
              {&process.totals.records, &process.totals.chiMetas, &process.totals.debugData}) {

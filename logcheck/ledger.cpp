@@ -1,252 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
-// The ledger of one process, rebuilt line by line. Each library line is
-// recognised by the function in its prefix and its message, read with the
-// library's own format.
+// The ledger of one process, rebuilt line by line. Each record is a replica
+// of what the library holds for it (its private results, parked objects and
+// debug buffers), driven by the lines that print its address. Each record,
+// CHI metadata object and held buffer is a lifetime of an address, from the
+// line that makes it to the line that ends it: a later one at the same
+// address is a new one. Thread ids serve only lines that name no record.
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
+#include <deque>
 #include <unordered_map>
+#include <unordered_set>
 
+#include "lines.h"
 #include "logcheck.h"
 
 namespace logcheck {
 
 namespace {
-
-enum class Event : uint8_t {
-    Construct,     // a record made by the default or the copy constructor
-    Destruct,      // a record's destructor begins
-    ShallowCopy,   // a shallow clone shares what its source just referenced
-    MetaCreate,    // a CHI metadata object made (count: ChimetaSum)
-    MetaDestroy,   // one ended (count: ChimetaSum)
-    MetaRefused,   // a destroy refused: the record had ended the handle
-    RefAdd,        // a reference taken by the record (count: after it)
-    RefRelease,    // one given back
-    RefRead,       // a count read for a test
-    TraceAdd,      // reconciliation referenced a returned object (count: %d)
-    TraceRelease,  // reconciliation released a displaced one (count: %d)
-    Owned,         // an object made or adopted for a record (0: the last made)
-    PrivPhy,       // a physical private result made for a camera id
-    DebugAdd,      // the manager took a reference on a debug buffer
-    DebugKeep,     // a keep took one (-1: the buffer was held already)
-    DebugAdopt,    // an import adopted a buffer without a reference
-    DebugDec,      // a reference given back (count: after it)
-    DebugFree,     // a buffer freed instead
-    HandOver,      // releaseTuningMetaBufs: objects, perhaps debug data, handed over
-    Other,         // names a record, nothing more
-};
-
-// How the conversions of a format land in a Line: R record, O object, T
-// other record, C count, S id, x not kept.
-struct Pattern {
-    const char* function;
-    const char* format;
-    Event event;
-    uint8_t group;
-    const char* fields;
-};
-
-constexpr const char* kPrivResults =
-        "PostProcsInfo %p m_pPrivResult %p request phyCamIdSet size %u mSamelogical_PhyResult %d";
-constexpr const char* kRefLogical = "PostProcsInfo %p m_pPrivResult %p ref %u";
-constexpr const char* kRefPhysical = "PostProcsInfo %p phyCamId %u privResult %p ref %u";
-constexpr const char* kDestructData =
-        "[Offline DebugData] PostProcsInfo %p mEnableIQBM %d destruct debugData pData:%p after dec "
-        "ref is %d";
-constexpr const char* kFree = "PostProcsInfo %p free data:%p";
-constexpr const char* kPhysical = "PostProcsInfo %p PrivPhyCamId %s PrivPhyResult %p";
-
-const Pattern kPatterns[] = {
-        {"QcomPostProcInfo", "Construct QcomPostProcInfo %p, after sum %d", Event::Construct, 128,
-         "RC"},
-        {"QcomPostProcInfo",
-         "Deep Construct QcomPostProcInfo %p m_pPrivResult %p, after sum %d, info from "
-         "QcomPostProcInfo %p m_pPrivResult %p",
-         Event::Construct, 64, "RxCTx"},
-        {"QcomPostProcInfo",
-         "%p deep Construct, m_pPrivPhyResults %p index is %d from other.m_pPrivPhyResults[%d] %p",
-         Event::Owned, 64, "R"},
-        {"QcomPostProcInfo", "%p deep Construct, m_pPrivResult %p from other.m_pPrivResult %p",
-         Event::Owned, 64, "RO"},
-        {"~QcomPostProcInfo", "Destruct  QcomPostProcInfo %p, before sum %d", Event::Destruct, 128,
-         "RC"},
-        {"~QcomPostProcInfo", kDestructData, Event::DebugDec, 128, "RxOC"},
-        {"~QcomPostProcInfo", kFree, Event::DebugFree, 64, "RO"},
-        {"shallowClone",
-         "shallow copy QcomPostProcInfo %p m_pPrivResult %p, info from QcomPostProcInfo %p "
-         "m_pPrivResult %p",
-         Event::ShallowCopy, 64, "RxTx"},
-        {"createChiMeta",
-         "Create ChiMeta %p ref %u isMultiTypeContextMeta %d isMultiCameraContextMeta %d "
-         "ChimetaSum %d",
-         Event::MetaCreate, 64, "OxxxC"},
-        {"destroyChiMeta", "Destroy ChiMeta %p ref %u ChimetaSum %d", Event::MetaDestroy, 64,
-         "OxC"},
-        {"destroyChiMeta", "chiMetaHandle %p is destroyed, no need to destroy", Event::MetaRefused,
-         64, "O"},
-        {"addChiMetasRef", kRefLogical, Event::RefAdd, 64, "ROC"},
-        {"addChiMetasRef", kRefPhysical, Event::RefAdd, 64, "RxOC"},
-        {"releaseChiMetasRef", kRefLogical, Event::RefRelease, 64, "ROC"},
-        {"releaseChiMetasRef", kRefPhysical, Event::RefRelease, 64, "RxOC"},
-        {"releaseChiMetasRefWithCameraId", kRefLogical, Event::RefRelease, 64, "ROC"},
-        {"releaseChiMetasRefWithCameraId", kRefPhysical, Event::RefRelease, 64, "RxOC"},
-        {"isMetaUsedInQC", "PostProcInfo %p ChiMeta %p ref %u", Event::RefRead, 64, "ROC"},
-        {"resetChiMetas", "PostProcInfo %p ChiMeta %p ref %u be reset!", Event::RefRead, 64, "ROC"},
-        {"resetChiMetas", "PostProcInfo %p ChiMeta %p ref %u still in use, cannot be reset!",
-         Event::RefRead, 64, "ROC"},
-        {"checkAndUpdatePrivResult", "PostProcsInfo %p the chi meta: %p AddReference ref: %d",
-         Event::TraceAdd, 64, "ROC"},
-        {"checkAndUpdatePrivResult", "PostProcsInfo %p the chi meta: %p ReleaseReference ref: %d",
-         Event::TraceRelease, 64, "ROC"},
-        {"checkAndUpdatePrivResult",
-         "PostProcsInfo %p vndFrame:%u update phycam %d result->priv_physcam_metadata[%d] %p",
-         Event::Owned, 64, "RxxxO"},
-        {"createPrivResultMeta", kPrivResults, Event::Owned, 64, "RO"},
-        {"createPrivResultMeta", kPhysical, Event::PrivPhy, 64, "RSO"},
-        {"createTuningMetaBufs", kPrivResults, Event::Owned, 64, "RO"},
-        {"createTuningMetaBufs", kPhysical, Event::PrivPhy, 64, "RSO"},
-        {"destroyTuningMetaBufs", kPrivResults, Event::Other, 64, "R"},
-        {"destroyTuningMetaBufs", kDestructData, Event::DebugDec, 64, "RxOC"},
-        {"releaseTuningMetaBufs", kPrivResults, Event::HandOver, 64, "R"},
-        {"addDebugDataAndRef", "PostProcsInfo %p add DebugDataPtr %p ref %d", Event::DebugAdd, 128,
-         "ROC"},
-        {"keep3aDebugData",
-         "[Offline DebugData] PostProcsInfo %p add phycamId %d 3adebugData pData:%p after add ref "
-         "is %d",
-         Event::DebugKeep, 128, "RxOC"},
-        {"keepTuningDDArray",
-         "[Offline DebugData] PostProcsInfo %p add phycamId %d DebugDataArrayTuning index %u "
-         "pData:%p after add ref is %d",
-         Event::DebugKeep, 128, "RxxOC"},
-        {"setTuningMetaBufs", "PostProcsInfo %p add DebugDataPtr %p", Event::DebugAdopt, 64, "RO"},
-        {"reset",
-         "[Offline DebugData] PostProcsInfo %p mEnableIQBM %d reset debugData pData:%p after dec "
-         "ref is %d",
-         Event::DebugDec, 128, "RxOC"},
-        {"reset", kFree, Event::DebugFree, 64, "RO"},
-        {"getTuningMetaBufs", "PostProcsInfo %p", Event::Other, 64, "R"},
-        {"setTuningMetaBufs", "PostProcsInfo %p", Event::Other, 64, "R"},
-};
-
-struct Line {
-    Event event = Event::Other;
-    uint8_t group = 0;  // 64 or 128
-    uint64_t record = 0;
-    uint64_t object = 0;  // CHI metadata object or debug buffer
-    uint64_t other = 0;   // a copy's source
-    int64_t count = 0;
-    std::string_view id;  // a camera id text
-    std::string_view function;
-};
-
-// One conversion at text[*pos]; glibc prints a null pointer as "(nil)",
-// bionic as "0x0".
-bool convert(char conversion, std::string_view text, size_t* pos, int64_t* number,
-             std::string_view* word) {
-    size_t i = *pos;
-    if (conversion == 's') {
-        *pos = std::min(text.find(' ', i), text.size());
-        *word = text.substr(i, *pos - i);
-        return *pos > i;
-    }
-    if (conversion == 'p' && text.compare(i, 5, "(nil)") == 0) {
-        *number = 0;
-        *pos = i + 5;
-        return true;
-    }
-    const bool hex = conversion == 'p';
-    if (hex && text.compare(i, 2, "0x") != 0) {
-        return false;
-    }
-    const bool negative = conversion == 'd' && i < text.size() && text[i] == '-';
-    i += hex ? 2 : negative ? 1 : 0;
-    const size_t start = i;
-    uint64_t value = 0;
-    for (; i < text.size() && i - start < (hex ? 16u : 10u); ++i) {
-        const char c = text[i];
-        const int digit = c >= '0' && c <= '9'          ? c - '0'
-                          : hex && c >= 'a' && c <= 'f' ? c - 'a' + 10
-                                                        : -1;
-        if (digit < 0) {
-            break;
-        }
-        value = value * (hex ? 16 : 10) + static_cast<uint64_t>(digit);
-    }
-    *number = negative ? -static_cast<int64_t>(value) : static_cast<int64_t>(value);
-    *pos = i;
-    return i > start;
-}
-
-// Reads the prefix "<group> <file>:<line> <function>()" (a function object's
-// function is "operator()") and matches the message against the library's
-// formats.
-bool classify(std::string_view text, Line* out) {
-    size_t at = text.find(' ');
-    at = at == std::string_view::npos ? at : text.find(' ', at + 1);
-    if (at == std::string_view::npos) {
-        return false;
-    }
-    const size_t from = text.compare(at + 1, 10, "operator()") == 0 ? at + 11 : at + 1;
-    const size_t parens = text.find("()", from);
-    if (parens == std::string_view::npos) {
-        return false;
-    }
-    const std::string_view function = text.substr(at + 1, parens - at - 1);
-    const std::string_view message = text.substr(parens + 2);
-    for (const Pattern& pattern : kPatterns) {
-        if (function != pattern.function) {
-            continue;
-        }
-        Line line;
-        size_t pos = 0;
-        size_t k = 0;
-        bool matched = true;
-        for (const char* f = pattern.format; *f != '\0' && matched; ++f) {
-            if (*f != '%') {
-                matched = pos < message.size() && message[pos++] == *f;
-                continue;
-            }
-            int64_t number = 0;
-            std::string_view word;
-            matched = convert(*++f, message, &pos, &number, &word);
-            const char field = k < strlen(pattern.fields) ? pattern.fields[k] : 'x';
-            ++k;
-            const uint64_t pointer = static_cast<uint64_t>(number);
-            switch (field) {
-                case 'R':
-                    line.record = pointer;
-                    break;
-                case 'O':
-                    line.object = pointer;
-                    break;
-                case 'T':
-                    line.other = pointer;
-                    break;
-                case 'C':
-                    line.count = number;
-                    break;
-                case 'S':
-                    line.id = word;
-                    break;
-                default:
-                    break;
-            }
-        }
-        if (matched && pos == message.size()) {
-            line.event = pattern.event;
-            line.group = pattern.group;
-            line.function = function;
-            *out = line;
-            return true;
-        }
-    }
-    return false;
-}
-
-// Destroyed objects remembered to catch a second destroy: bounded, so that
-// memory follows the objects alive rather than the length of the log.
-constexpr size_t kDestroyedKept = 4096;
 
 // The host rules, by their names in the README.
 constexpr const char* kRecordLifetime = "record-lifetime";
@@ -260,53 +32,169 @@ constexpr const char* kAlreadyReferenced = "already-referenced";
 constexpr const char* kHeldAndParked = "held-and-parked";
 constexpr const char* kShallowCloneOwner = "shallow-clone-owner";
 constexpr const char* kShallowCloneDebugData = "shallow-clone-debug-data";
+constexpr const char* kDestroyedHandlesKept = "destroyed-handles-kept";
+// Not rules: why an object outlived its record when no rule explains it.
+constexpr const char* kLinesMissing = "lines missing";
+constexpr const char* kLogEnded = "log ended";
 
-struct Evidence {
-    uint64_t first = 0;
-    uint64_t last = 0;
-    int32_t tid = 0;
-    void see(const Entry& entry) {
-        first = first == 0 ? entry.line : first;
-        last = entry.line;
-        tid = entry.tid;
-    }
+constexpr int64_t kNoKeep = INT64_MIN;
+// Ended objects remembered to catch a second destroy. Bounded, so that memory
+// follows the objects alive rather than the length of the log; a second
+// destroy comes soon after the first.
+constexpr size_t kEndedKept = 1 << 16;
+// How far ahead of a line of createChiMeta or destroyChiMeta another
+// thread's next one may still have changed the count before the line read
+// it (a thread stopped between the change and its line that long is taken
+// as having changed nothing).
+constexpr size_t kSumAhead = 4096;
+// Library lines of a process during which destructors that began before its
+// log may still count down without a line of theirs.
+constexpr int64_t kSettling = 256;
+// ChimetaSum lines checked after a second destroy before it is asserted.
+constexpr int64_t kSumSettled = 64;
+
+// One lifetime of a CHI metadata object.
+struct Ref {
+    uint64_t address = 0;
+    uint32_t gen = 0;
+};
+
+enum class HoldKind : uint8_t { Reference, Adopted, Copied, Unknown };
+
+struct Holder {
+    uint64_t record;
+    uint32_t recordGen;
+    HoldKind kind;
+    bool iqbm;           // which counter its reference is on
+    int64_t awaitsKeep;  // the manager's add, before keep's line of the same add
+    uint64_t line;
 };
 
 struct RecordState {
-    Evidence evidence;
-    bool created = false;                    // made in the log
-    bool handedOver = false;                 // releaseTuningMetaBufs ran on it
-    bool shallow = false;                    // a shallow clone
-    std::unordered_map<int, uint64_t> keys;  // camera key to object
+    uint32_t gen = 0;
+    bool destructing = false;
+    bool finished = false;  // its destructor returned, or the log ended
+    bool made = false;      // made in the log
+    bool copying = false;   // a copy constructor's lines, before its last
+    bool supportPriv = false;
+    bool sameLogical = false;
+    bool translated = false;
+    bool freeData = false;
+    bool handedOver = false;  // releaseTuningMetaBufs ran on it
+    bool shallow = false;     // a shallow clone or the source of one
+    uint64_t handOverLine = 0;
+    uint64_t createLine = 0;  // the last creation of private results
+    uint64_t peer = 0;        // a shallow clone's source
+    uint32_t peerGen = 0;
+    Ref logical;
+    std::vector<std::pair<int64_t, Ref>> cameras;  // by key, ascending
+    std::vector<Ref> parked;
+    std::vector<std::string> ids;                 // camera id texts, in the set's order
+    std::vector<std::pair<int64_t, Ref>> copied;  // a copy's objects by index
+    std::vector<uint64_t> buffers;                // buffers it may hold
+    uint64_t firstLine = 0;
+    uint64_t lastLine = 0;
+    int32_t tid = 0;
 };
 
+enum class Origin : uint8_t { Created, Adopted, Before };
+
 struct MetaState {
-    Evidence evidence;
-    bool created = false;
-    bool shared = false;  // with a shallow clone
-    bool handedOver = false;
-    bool atoiShared = false;  // lost its key to a later id
-    bool underflow = false;   // reported
-    uint64_t owner = 0;
-    int64_t held = 0;  // references the library took and has not given back
+    uint32_t gen = 0;
+    bool alive = false;
+    Origin origin = Origin::Before;
+    bool attributed = false;      // a record held it
+    bool guessed = false;         // attributed without thread ids
+    bool shared = false;          // by a shallow clone and its source
+    bool underflow = false;       // reported
+    bool staleEnd = false;        // ended by a record that held an earlier object here
+    int64_t held = 0;             // references the library took and has not given back
+    const char* cause = nullptr;  // how it lost its last holder
+    uint64_t causeLine = 0;
+    uint64_t madeLine = 0;
+    uint64_t endLine = 0;
+    uint64_t previousEndLine = 0;  // of the object before it at this address
+    int32_t tid = 0;
 };
 
 struct BufferState {
-    Evidence evidence;
-    std::vector<std::pair<uint64_t, bool>> holders;  // record, took a reference
+    bool open = false;
+    std::vector<Holder> holders;
+    uint32_t handed = 0;  // holds let go by releaseTuningMetaBufs, for another owner
+    uint64_t handedLine = 0;
+    uint32_t leaked = 0;              // references never to be given back
+    const char* lostCause = nullptr;  // a record ended without giving one back
+    uint64_t lostLine = 0;
     bool underflow = false;
+    uint64_t firstLine = 0;
+    int32_t tid = 0;
 };
 
 struct ThreadState {
-    uint64_t created = 0;      // the CHI object its last create made
-    uint64_t destructing = 0;  // the record whose destructor runs on it
-    bool endingHandedOver = false;
-    // The manager's line of an add, before keep's line of the same add.
-    uint64_t addRecord = 0;
-    uint64_t addBuffer = 0;
-    int64_t addCount = 0;
-    std::vector<uint64_t> referenced;  // what addChiMetasRef just referenced
+    Ref created;          // the last object createChiMeta made on it
+    uint64_t record = 0;  // the last record its lines named
+    uint64_t destructing = 0;
+    uint32_t destructingGen = 0;
 };
+
+// The last library line of a thread, for logd's "identical" lines.
+struct LastLine {
+    bool library = false;
+    Entry entry;
+    Line line;
+    std::string id;
+};
+
+struct SumLine {
+    uint64_t line;
+    int32_t tid;
+    int delta;
+    int64_t printed;
+    int64_t count;     // the log's own count of changes, up to it
+    int64_t creates;   // creations logged up to it
+    int64_t destroys;  // destructions logged up to it
+    int64_t previous;  // its thread's line before it, -1 for none
+    int64_t next;      // its thread's line after it, -1 for none yet
+};
+
+// An interval of what a log-start offset can be; empty once lines are lost.
+struct Bounds {
+    bool known = false;
+    int64_t low = 0;
+    int64_t high = 0;
+    // False when [low, high] leaves no value in common with what was known.
+    bool narrow(int64_t low2, int64_t high2) {
+        if (known && std::max(low, low2) > std::min(high, high2)) {
+            low = low2;
+            high = high2;
+            return false;
+        }
+        low = known ? std::max(low, low2) : low2;
+        high = known ? std::min(high, high2) : high2;
+        known = true;
+        return true;
+    }
+};
+
+bool inCameras(const RecordState& r, uint64_t address) {
+    return std::any_of(r.cameras.begin(), r.cameras.end(),
+                       [address](const auto& c) { return c.second.address == address; });
+}
+
+Ref* camera(RecordState& r, int64_t key) {
+    auto it = std::lower_bound(r.cameras.begin(), r.cameras.end(), key,
+                               [](const auto& c, int64_t k) { return c.first < k; });
+    if (it == r.cameras.end() || it->first != key) {
+        it = r.cameras.insert(it, {key, Ref{}});
+    }
+    return &it->second;
+}
+
+std::string hex(uint64_t value) {
+    char text[24];
+    snprintf(text, sizeof(text), "0x%llx", static_cast<unsigned long long>(value));
+    return text;
+}
 
 }  // namespace
 
@@ -315,6 +203,44 @@ const char* kindName(Kind kind) {
             "chi-meta-double-destroy", "reference-underflow", "chi-meta-leak",
             "debug-data-leak",         "record-leak",         "lines-lost"};
     return kNames[static_cast<int>(kind)];
+}
+
+const char* advice(const char* rule) {
+    static const std::pair<const char*, const char*> kAdvice[] = {
+            {kRecordLifetime, "destroy every record exactly once, however it was made"},
+            {kCreateOnEmpty,
+             "create private results or tuning buffers only on a record that holds none"},
+            {kReleaseHandsOver,
+             "after releaseTuningMetaBufs another owner must end the objects and give back the "
+             "debug data"},
+            {kAtoiSharedKey,
+             "camera ids equal after atoi share one key: the host ends the object left out"},
+            {kTuningParamsFree,
+             "make tuning parameters only on a record without referenced debug data"},
+            {kImportAdopts,
+             "import only buffers handed over for good, into a record with tuning parameters"},
+            {kHalReferences,
+             "the HAL holds a reference on every object it is handed or returns in a result"},
+            {kAlreadyReferenced,
+             "hand over with alreadyReferenced only a reference actually taken, in the "
+             "framework's mode"},
+            {kHeldAndParked,
+             "do not return an object the record parks: it is ended while still held"},
+            {kShallowCloneOwner,
+             "of a shallow clone and its source exactly one ends the shared objects; the other "
+             "lets go first"},
+            {kShallowCloneDebugData,
+             "after shallowClone(true) take references for the clone, or let one side go"},
+            {kDestroyedHandlesKept,
+             "a record refuses an address it ended before: do not reuse it for objects at such "
+             "an address"},
+    };
+    for (const auto& [name, text] : kAdvice) {
+        if (rule != nullptr && strcmp(rule, name) == 0) {
+            return text;
+        }
+    }
+    return nullptr;
 }
 
 Totals& Totals::operator+=(const Totals& other) {
@@ -330,407 +256,1151 @@ Totals& Totals::operator+=(const Totals& other) {
 
 class Ledger {
   public:
-    Ledger(int32_t pid, uint64_t line, const std::function<void(const Finding&)>& onFinding)
-        : mOnFinding(onFinding) {
+    Ledger(int32_t pid, int boot, uint64_t line, const std::function<void(const Finding&)>& on)
+        : mOnFinding(on) {
         mProcess.pid = pid;
+        mProcess.boot = boot;
         mProcess.firstLine = line;
     }
     uint64_t firstLine() const { return mProcess.firstLine; }
     uint64_t lastLine() const { return mProcess.lastLine; }
     void add(const Entry& entry, const Line& line);
-    // logd dropped lines of this process.
-    void lost(const Entry& entry) { linesLost(entry, 0, std::string(entry.message)); }
+    // Another tag's line on a thread of this process.
+    void other(int32_t tid) {
+        auto found = mLast.find(tid);
+        if (found != mLast.end()) {
+            found->second.library = false;
+        }
+    }
+    // logd folded copies of a thread's last line: the library's are read again.
+    bool replay(int32_t tid, uint64_t times, uint64_t line);
+    // logd may have dropped lines: what is found from here on is not asserted.
+    void mayHaveLost() { mLost = true; }
     Process finish(bool processEnded);
 
   private:
-    void report(Kind kind, uint64_t object, const Evidence& evidence, uint64_t last,
+    enum class Finish { Superseded, Returned, LogEnded };
+
+    void report(Kind kind, uint64_t object, int32_t tid, std::vector<uint64_t> evidence,
                 const char* rule, std::string detail, bool certain = true) {
-        // Without thread ids the lines of records on several threads cannot
-        // be told apart.
-        Finding finding{kind,           object,
-                        mProcess.pid,   evidence.tid,
-                        evidence.first, last,
-                        rule,           certain && !mLost && mThreadIds,
-                        false,          std::move(detail)};
+        evidence.erase(std::remove(evidence.begin(), evidence.end(), 0u), evidence.end());
+        std::sort(evidence.begin(), evidence.end());
+        evidence.erase(std::unique(evidence.begin(), evidence.end()), evidence.end());
+        Finding finding{kind,          object,
+                        mProcess.pid,  tid,
+                        mProcess.boot, std::move(evidence),
+                        rule,          certain && !mLost,
+                        false,         std::move(detail)};
         if (mOnFinding) {
             mOnFinding(finding);
         }
         mProcess.findings.push_back(std::move(finding));
     }
 
-    // A sum in a line disagrees with the ledger, or logd says it dropped
-    // lines: whatever they told, later findings are no longer asserted.
-    void linesLost(const Entry& entry, uint64_t object, std::string detail) {
-        Evidence here;
-        here.see(entry);
-        report(Kind::LinesLost, object, here, entry.line, nullptr, std::move(detail));
+    // A second destroy, or a Create line lost before it: the ChimetaSum of
+    // the lines around tells, so it is decided once they are checked.
+    void doubleDestroy(Finding finding) {
+        if (mSums.empty() || mSums.back().line != finding.evidence.back()) {
+            decide(std::move(finding));
+        } else {
+            mPending.emplace_back(mSumsBase + static_cast<int64_t>(mSums.size()) - 1,
+                                  std::move(finding));
+        }
+    }
+    void decide(Finding finding) {
+        finding.certain = finding.certain && !mLost;
+        if (mOnFinding) {
+            mOnFinding(finding);
+        }
+        mProcess.findings.push_back(std::move(finding));
+    }
+
+    // The log contradicts itself here: lines were lost, and what is found
+    // from now on is not asserted.
+    void lost(const Entry& entry, uint64_t object, std::string detail) {
+        report(Kind::LinesLost, object, entry.tid, {entry.line}, nullptr, std::move(detail));
         mLost = true;
     }
 
-    // Known from now on; an object first seen here was alive before the log.
-    template <typename State>
-    State& known(std::unordered_map<uint64_t, State>& states, uint64_t address, const Entry& entry,
-                 Count& count) {
-        auto [it, added] = states.try_emplace(address);
-        count.before += added ? 1 : 0;
-        it->second.evidence.see(entry);
-        return it->second;
-    }
-    RecordState& record(uint64_t a, const Entry& e) {
-        return known(mRecords, a, e, mProcess.totals.records);
-    }
-    MetaState& meta(uint64_t a, const Entry& e) {
-        return known(mMetas, a, e, mProcess.totals.chiMetas);
+    ThreadState& thread(const Entry& entry) {
+        return entry.tid != 0 ? mThreads[entry.tid] : mNoThread;
     }
 
-    void construct(const Entry& entry, const Line& line);
-    void destroyed(const Entry& entry, uint64_t object, bool refused);
-    void metaCount(const Entry& entry, MetaState& state, uint64_t object, int64_t count,
-                   bool wraps);
-    void debugAdd(const Entry& entry, uint64_t record, uint64_t object, int64_t count,
-                  bool referenced);
-    void debugRelease(const Entry& entry, uint64_t record, uint64_t object, int64_t count,
-                      bool freed);
-    void destructed(int32_t tid, ThreadState& thread);
+    // CHI metadata objects.
+    Ref current(uint64_t address) const {
+        auto found = mMetas.find(address);
+        return address != 0 && found != mMetas.end() && found->second.alive
+                       ? Ref{address, found->second.gen}
+                       : Ref{};
+    }
+    bool isCurrent(Ref ref) const {
+        return ref.address != 0 && current(ref.address).gen == ref.gen;
+    }
+    MetaState* meta(Ref ref) {
+        auto found = mMetas.find(ref.address);
+        return isCurrent(ref) ? &found->second : nullptr;
+    }
+    Ref seen(uint64_t address, const Entry& entry);
+    Ref made(uint64_t address, const Entry& entry);
+    Ref adopt(uint64_t address, const Entry& entry);
+    void ended(uint64_t address, MetaState& meta, const Entry& entry);
+    void orphan(Ref ref, const char* cause, uint64_t line) {
+        MetaState* m = meta(ref);
+        if (m != nullptr && m->cause == nullptr) {
+            m->cause = cause;
+            m->causeLine = line;
+        }
+    }
+    void countCheck(const Entry& entry, Ref ref, int64_t count, const char* rule);
+
+    // Records.
+    RecordState& record(const Entry& entry, const Line& line);
+    RecordState& beginRecord(const Entry& entry, uint64_t address, bool copy);
+    void beginBefore(RecordState& r, const Entry& entry, uint64_t address, bool destructing);
+    void destructing(RecordState& r, const Entry& entry, uint64_t address);
+    void finishRecord(uint64_t address, RecordState& r, Finish how, uint64_t line);
+    void park(RecordState& r, uint64_t address, const Entry& entry) {
+        const Ref ref = seen(address, entry);
+        if (std::none_of(r.parked.begin(), r.parked.end(),
+                         [ref](Ref p) { return p.address == ref.address && p.gen == ref.gen; })) {
+            r.parked.push_back(ref);
+        }
+    }
+    void copyDone(RecordState& r, const Line& line);
+
+    // Debug buffers.
+    Holder* holder(BufferState& b, uint64_t record, uint32_t gen) {
+        for (Holder& h : b.holders) {
+            if (h.record == record && h.recordGen == gen) {
+                return &h;
+            }
+        }
+        return nullptr;
+    }
+    void hold(RecordState& r, uint64_t address, uint64_t buffer, HoldKind kind, bool iqbm,
+              int64_t awaits, const Entry& entry);
+    void release(RecordState& r, uint64_t address, uint64_t buffer, int64_t count, bool freed,
+                 const Entry& entry);
+    // Nothing of it is held or owed any more: forgotten.
+    void close(uint64_t buffer, BufferState& b) {
+        if (b.holders.empty() && b.handed == 0 && b.leaked == 0) {
+            mBuffers.erase(buffer);
+        }
+    }
+
+    // The sums the library prints.
+    void recordSum(const Entry& entry, uint64_t address, int64_t sum);
+    void chiSum(const Entry& entry, int delta, int64_t printed);
+    void checkChiSum();
 
     Process mProcess;
     const std::function<void(const Finding&)>& mOnFinding;
     bool mLost = false;
-    bool mThreadIds = false;  // the format shows them (not brief, not time)
+    bool mThreadIds = false;
+    bool mTraces = false;  // reconciliation's references are logged too
     std::unordered_map<uint64_t, RecordState> mRecords;
+    uint32_t mRecordGens = 0;  // records are forgotten once ended: one count for all
     std::unordered_map<uint64_t, MetaState> mMetas;
+    std::deque<Ref> mEnded;  // ended objects, oldest first
     std::unordered_map<uint64_t, BufferState> mBuffers;
     std::unordered_map<int32_t, ThreadState> mThreads;
-    // Records counted alive, taking every destructor begun as finished; the
-    // destructors still running (per thread) may not have counted down yet.
-    bool mRecordSumKnown = false;
-    int64_t mRecordAlive = 0;
-    std::unordered_map<int32_t, int> mRunning;
-    struct Destroyed {
-        Evidence evidence;
-        bool shared;
-    };
-    std::unordered_map<uint64_t, Destroyed> mDestroyed;
+    ThreadState mNoThread;
+    std::unordered_map<int32_t, LastLine> mLast;
+    // Records: constructors counted, destructors begun, destructors known to
+    // have returned, and records first seen alive or ending.
+    int64_t mConstructs = 0;
+    int64_t mDestructs = 0;
+    int64_t mReturned = 0;
+    int64_t mBeforeSeen = 0;
+    int64_t mLines = 0;         // library lines read
+    Bounds mUnseen;             // records alive when the log began
+    bool mBeforeCounts = true;  // until lines are lost, records first seen later were among them
+    // CHI metadata: the lines that print ChimetaSum, numbered from the
+    // first, kept until every other thread's next one is known.
+    std::deque<SumLine> mSums;
+    int64_t mSumsBase = 0;                             // the number of mSums.front()
+    int64_t mSumChecked = 0;                           // the next to check
+    std::unordered_map<int32_t, int64_t> mSumLast;     // thread: its last line
+    std::unordered_map<int32_t, int64_t> mSumAfter;    // thread: its first line after the checked
+    Bounds mChiStart;                                  // ChimetaSum when the log began
+    std::deque<std::pair<int64_t, Finding>> mPending;  // by their line's ChimetaSum number
 };
 
-// A count below zero (an unsigned one wraps), or below the references the
-// library itself still holds on the object.
-void Ledger::metaCount(const Entry& entry, MetaState& state, uint64_t object, int64_t count,
-                       bool wraps) {
-    const bool below = wraps ? count >= INT64_C(0x80000000) : count < 0;
-    if ((below || count < state.held) && !state.underflow) {
-        state.underflow = true;
-        report(Kind::ReferenceUnderflow, object, state.evidence, entry.line, kHalReferences,
-               below ? "the count went below zero"
-                     : "count " + std::to_string(count) + " below the " +
-                               std::to_string(state.held) + " references the library holds");
+Ref Ledger::seen(uint64_t address, const Entry& entry) {
+    if (address == 0) {
+        return {};
+    }
+    auto [it, fresh] = mMetas.try_emplace(address);
+    MetaState& m = it->second;
+    if (fresh) {
+        m.gen = 1;
+        m.alive = true;
+        m.origin = Origin::Before;
+        m.madeLine = entry.line;
+        m.tid = entry.tid;
+        ++mProcess.totals.chiMetas.before;
+    }
+    return m.alive ? Ref{address, m.gen} : Ref{};
+}
+
+// An object the line says the library has just made: the one its Create line
+// made. At the address of an ended one, that Create line is missing.
+Ref Ledger::made(uint64_t address, const Entry& entry) {
+    auto found = mMetas.find(address);
+    if (address == 0 || found == mMetas.end() || found->second.alive) {
+        const Ref ref = seen(address, entry);
+        if (MetaState* m = meta(ref)) {
+            m->attributed = true;
+        }
+        return ref;
+    }
+    lost(entry, address, "a CHI metadata object made with no Create line");
+    MetaState& m = found->second;
+    const uint32_t gen = m.gen + 1;
+    const uint64_t previous = m.endLine;
+    m = MetaState{};
+    m.gen = gen;
+    m.alive = true;
+    m.origin = Origin::Created;
+    m.attributed = true;
+    m.madeLine = entry.line;
+    m.previousEndLine = previous;
+    m.tid = entry.tid;
+    ++mProcess.totals.chiMetas.created;
+    return {address, gen};
+}
+
+// An object a result hands the record: known, or the HAL's own, new here.
+Ref Ledger::adopt(uint64_t address, const Entry& entry) {
+    if (address == 0) {
+        return {};
+    }
+    auto [it, fresh] = mMetas.try_emplace(address);
+    MetaState& m = it->second;
+    if (fresh || !m.alive) {
+        const uint32_t gen = m.gen + 1;
+        const uint64_t previous = m.endLine;
+        m = MetaState{};
+        m.gen = gen;
+        m.alive = true;
+        m.origin = Origin::Adopted;
+        m.madeLine = entry.line;
+        m.previousEndLine = previous;
+        m.tid = entry.tid;
+        ++mProcess.totals.chiMetas.before;
+    }
+    m.attributed = true;
+    return {address, m.gen};
+}
+
+void Ledger::ended(uint64_t address, MetaState& m, const Entry& entry) {
+    m.alive = false;
+    m.endLine = entry.line;
+    ++mProcess.totals.chiMetas.ended;
+    mEnded.push_back({address, m.gen});
+    if (mEnded.size() > kEndedKept) {
+        const Ref oldest = mEnded.front();
+        mEnded.pop_front();
+        auto found = mMetas.find(oldest.address);
+        if (found != mMetas.end() && !found->second.alive && found->second.gen == oldest.gen) {
+            mMetas.erase(found);
+        }
     }
 }
 
-void Ledger::construct(const Entry& entry, const Line& line) {
-    // The sum is printed under the lock: exact, but for destructors that
-    // have begun and not yet counted down.
-    const int64_t before = line.count - 1;
-    int64_t running = 0;
-    for (const auto& [tid, count] : mRunning) {
-        running += count;
+// A count below zero (an unsigned one wraps), or, where every reference the
+// library takes and gives back is logged, below the ones it still holds.
+void Ledger::countCheck(const Entry& entry, Ref ref, int64_t count, const char* rule) {
+    MetaState* m = meta(ref);
+    if (m == nullptr || m->underflow || !(count < 0 || (mTraces && count < m->held))) {
+        return;
     }
-    const bool off = before < mRecordAlive || before > mRecordAlive + running;
-    if (mRecordSumKnown && off) {
-        linesLost(entry, line.record,
-                  "after sum " + std::to_string(line.count) + ", the ledger counts " +
-                          std::to_string(mRecordAlive + 1));
+    m->underflow = true;
+    report(Kind::ReferenceUnderflow, ref.address, entry.tid, {entry.line}, rule,
+           count < 0 ? "the count went below zero"
+                     : "count " + std::to_string(count) + " below the " + std::to_string(m->held) +
+                               " references the library holds");
+}
+
+void Ledger::beginBefore(RecordState& r, const Entry& entry, uint64_t address, bool ending) {
+    r = RecordState{};
+    r.gen = ++mRecordGens;
+    r.firstLine = r.lastLine = entry.line;
+    r.tid = entry.tid;
+    ++mProcess.totals.records.before;
+    ++mBeforeSeen;
+    if (ending) {
+        destructing(r, entry, address);
     }
-    mRecordAlive = !mRecordSumKnown || off ? before + 1 : mRecordAlive + 1;
-    mRecordSumKnown = true;
-    if (mRecords.count(line.record) != 0) {
-        linesLost(entry, line.record, "a record made again without being destroyed");
-        ++mProcess.totals.records.ended;
-        mRecords.erase(line.record);
+}
+
+void Ledger::destructing(RecordState& r, const Entry& entry, uint64_t address) {
+    r.destructing = true;
+    ++mProcess.totals.records.ended;
+    ++mDestructs;
+    if (entry.tid != 0) {
+        ThreadState& t = mThreads[entry.tid];
+        t.destructing = address;
+        t.destructingGen = r.gen;
     }
-    RecordState& state = mRecords[line.record];
-    state.created = true;
-    state.evidence.see(entry);
+}
+
+// The record a line names: the lifetime at that address the line belongs to.
+RecordState& Ledger::record(const Entry& entry, const Line& line) {
+    auto [it, fresh] = mRecords.try_emplace(line.record);
+    RecordState& r = it->second;
+    const bool destructor = line.function == Fn::Destructor;
+    if (fresh) {
+        beginBefore(r, entry, line.record, destructor && line.event != Event::Destruct);
+    } else if (r.destructing && !destructor) {
+        lost(entry, line.record, "a record named after its destructor, with no Construct line");
+        finishRecord(line.record, r, Finish::Superseded, entry.line);
+        beginBefore(r, entry, line.record, false);
+    } else if (!r.destructing && destructor && line.event != Event::Destruct) {
+        lost(entry, line.record, "a destructor's line with no Destruct line before it");
+        destructing(r, entry, line.record);
+    }
+    r.lastLine = entry.line;
+    return r;
+}
+
+// A constructor's line: a record at an address whose earlier one has ended.
+RecordState& Ledger::beginRecord(const Entry& entry, uint64_t address, bool copy) {
+    auto [it, fresh] = mRecords.try_emplace(address);
+    RecordState& r = it->second;
+    if (!fresh) {
+        if (copy && r.copying && !r.destructing) {
+            r.lastLine = entry.line;
+            return r;
+        }
+        if (!r.destructing) {
+            lost(entry, address, "a record made again without being destroyed");
+            ++mProcess.totals.records.ended;
+            ++mDestructs;
+            r.destructing = true;
+        }
+        finishRecord(address, r, Finish::Superseded, entry.line);
+    }
+    r = RecordState{};
+    r.gen = ++mRecordGens;
+    r.made = true;
+    r.copying = copy;
+    r.firstLine = r.lastLine = entry.line;
+    r.tid = entry.tid;
     ++mProcess.totals.records.created;
+    return r;
 }
 
-void Ledger::destroyed(const Entry& entry, uint64_t object, bool refused) {
-    auto live = mMetas.find(object);
-    if (!refused && live != mMetas.end()) {
-        if (mDestroyed.size() == kDestroyedKept) {
-            mDestroyed.clear();  // a second destroy comes soon after the first
-        }
-        Destroyed& ended = mDestroyed[object];
-        ended = {live->second.evidence, live->second.shared};
-        ended.evidence.see(entry);
-        mMetas.erase(live);
-        ++mProcess.totals.chiMetas.ended;
+// The record's destructor has returned (or the log ended): what it still
+// holds by the replica, it did not give back.
+void Ledger::finishRecord(uint64_t address, RecordState& r, Finish how, uint64_t line) {
+    if (!r.destructing || r.finished) {
         return;
     }
-    auto ended = mDestroyed.find(object);
-    if (ended == mDestroyed.end() && !refused) {
-        ++mProcess.totals.chiMetas.before;  // alive before the log began
-        ++mProcess.totals.chiMetas.ended;
-        return;
+    r.finished = true;
+    if (how != Finish::LogEnded) {
+        ++mReturned;
     }
-    // A shallow clone and its source both ended what they shared; within one
-    // record a handle comes back when an object was held and parked.
-    Evidence evidence;
-    evidence.see(entry);
-    evidence = ended != mDestroyed.end() ? ended->second.evidence : evidence;
-    const bool shared = ended != mDestroyed.end() && ended->second.shared && !refused;
-    report(Kind::ChiMetaDoubleDestroy, object, evidence, entry.line,
-           shared ? kShallowCloneOwner : kHeldAndParked,
-           refused ? "the record refused a handle it had ended" : "ended twice");
-}
-
-void Ledger::debugAdd(const Entry& entry, uint64_t record, uint64_t object, int64_t count,
-                      bool referenced) {
-    auto [it, added] = mBuffers.try_emplace(object);
-    BufferState& state = it->second;
-    state.evidence.see(entry);
-    mProcess.totals.debugData.created += added ? 1 : 0;
-    if (count < 0 && !state.underflow) {
-        state.underflow = true;
-        report(Kind::ReferenceUnderflow, object, state.evidence, entry.line, kAlreadyReferenced,
-               "the count went below zero");
-    }
-    if (std::none_of(state.holders.begin(), state.holders.end(),
-                     [record](const auto& holder) { return holder.first == record; })) {
-        state.holders.emplace_back(record, referenced);
-    }
-}
-
-void Ledger::debugRelease(const Entry& entry, uint64_t record, uint64_t object, int64_t count,
-                          bool freed) {
-    auto [it, added] = mBuffers.try_emplace(object);
-    BufferState& state = it->second;
-    state.evidence.see(entry);
-    mProcess.totals.debugData.before += added ? 1 : 0;
-    auto holder = std::find_if(state.holders.begin(), state.holders.end(),
-                               [record](const auto& h) { return h.first == record; });
-    const bool held = holder != state.holders.end();
-    if (freed && held && holder->second) {
-        report(Kind::DebugDataLeak, object, state.evidence, entry.line, kTuningParamsFree,
-               "freed by a record that had taken a reference on it");
-    }
-    if (!freed && count < 0 && !state.underflow) {
-        state.underflow = true;
-        auto releasing = mRecords.find(record);
-        const bool shallow = releasing != mRecords.end() && releasing->second.shallow;
-        report(Kind::ReferenceUnderflow, object, state.evidence, entry.line,
-               held && !holder->second ? kImportAdopts
-               : shallow               ? kShallowCloneDebugData
-                                       : kAlreadyReferenced,
-               "the count went below zero");
-    }
-    if (held) {
-        state.holders.erase(holder);
-    }
-    if (state.holders.empty() || freed) {
-        mBuffers.erase(it);
-        ++mProcess.totals.debugData.ended;
-    }
-}
-
-// The destructor on this thread has returned: what its record still holds
-// by the ledger was never given back.
-void Ledger::destructed(int32_t tid, ThreadState& thread) {
-    const uint64_t address = thread.destructing;
-    thread.destructing = 0;
-    mRunning.erase(tid);
-    for (auto it = mBuffers.begin(); it != mBuffers.end();) {
-        auto& holders = it->second.holders;
-        auto holder = std::find_if(holders.begin(), holders.end(),
-                                   [address](const auto& h) { return h.first == address; });
-        if (holder != holders.end()) {
-            // Asserted when a releaseTuningMetaBufs line explains it.
-            report(Kind::DebugDataLeak, it->first, it->second.evidence, mProcess.lastLine,
-                   kReleaseHandsOver, "its record ended without giving it back",
-                   thread.endingHandedOver);
-            holders.erase(holder);
+    size_t buffers = 0;
+    for (uint64_t buffer : r.buffers) {
+        auto found = mBuffers.find(buffer);
+        Holder* h = found == mBuffers.end() ? nullptr : holder(found->second, address, r.gen);
+        if (h == nullptr) {
+            continue;
         }
-        if (holders.empty()) {
-            ++mProcess.totals.debugData.ended;
-            it = mBuffers.erase(it);
+        BufferState& b = found->second;
+        const HoldKind kind = h->kind;
+        b.holders.erase(b.holders.begin() + (h - b.holders.data()));
+        if (kind != HoldKind::Copied && r.handedOver) {
+            ++b.handed;  // for another owner to give back
+            b.handedLine = r.handOverLine;
+        } else if (kind != HoldKind::Copied && kind != HoldKind::Unknown) {
+            ++buffers;
+            ++b.leaked;
+            b.lostCause = how == Finish::LogEnded ? kLogEnded : kLinesMissing;
+            b.lostLine = line;
+        }
+        close(buffer, b);
+    }
+    size_t objects = 0;
+    auto left = [&](Ref ref, bool logical) {
+        MetaState* m = meta(ref);
+        // A guess without thread ids proves nothing; a handle the record
+        // refused it cannot end.
+        if (m == nullptr || m->guessed || m->cause == kDestroyedHandlesKept) {
+            return;
+        }
+        m->cause = nullptr;  // it held the object still, whatever others did
+        if (logical && r.sameLogical && !inCameras(r, ref.address)) {
+            orphan(ref, kAtoiSharedKey, line);
+        } else if (r.supportPriv) {
+            orphan(ref, how == Finish::LogEnded ? kLogEnded : kLinesMissing, line);
+            ++objects;
+        }
+    };
+    left(r.logical, true);
+    for (const auto& c : r.cameras) {
+        left(c.second, false);
+    }
+    for (Ref p : r.parked) {
+        left(p, false);
+    }
+    if ((objects != 0 || buffers != 0) && how != Finish::LogEnded) {
+        Entry here;
+        here.line = line;
+        here.tid = r.tid;
+        lost(here, address,
+             "record " + hex(address) + " ended without ending " + std::to_string(objects) +
+                     " CHI metadata object(s) and giving back " + std::to_string(buffers) +
+                     " debug buffer(s): their lines are missing");
+    }
+    r.buffers.clear();
+}
+
+// References are counted as the log shows them taken and given back; a
+// buffer is followed while a record holds it or a reference to it is owed.
+void Ledger::hold(RecordState& r, uint64_t address, uint64_t buffer, HoldKind kind, bool iqbm,
+                  int64_t awaits, const Entry& entry) {
+    BufferState& b = mBuffers[buffer];
+    if (!b.open) {
+        b.open = true;
+        b.firstLine = entry.line;
+        b.tid = entry.tid;
+    }
+    Count& debugData = mProcess.totals.debugData;
+    debugData.created += kind == HoldKind::Reference || kind == HoldKind::Adopted ? 1 : 0;
+    debugData.before += kind == HoldKind::Unknown ? 1 : 0;
+    b.holders.push_back({address, r.gen, kind, iqbm, awaits, entry.line});
+    if (std::find(r.buffers.begin(), r.buffers.end(), buffer) == r.buffers.end()) {
+        r.buffers.push_back(buffer);
+    }
+}
+
+void Ledger::release(RecordState& r, uint64_t address, uint64_t buffer, int64_t count, bool freed,
+                     const Entry& entry) {
+    BufferState& b = mBuffers[buffer];
+    if (!b.open) {
+        b.open = true;
+        b.firstLine = entry.line;
+        b.tid = entry.tid;
+    }
+    Count& debugData = mProcess.totals.debugData;
+    Holder* h = holder(b, address, r.gen);
+    const HoldKind kind = h != nullptr ? h->kind : HoldKind::Unknown;
+    const uint64_t heldSince = h != nullptr ? h->line : b.firstLine;
+    if (h != nullptr) {
+        b.holders.erase(b.holders.begin() + (h - b.holders.data()));
+    }
+    if (freed && kind == HoldKind::Reference) {
+        ++b.leaked;
+        report(Kind::DebugDataLeak, buffer, entry.tid, {heldSince, entry.line}, kTuningParamsFree,
+               "freed by record " + hex(address) +
+                       ", which had taken a reference on it: the reference is never given back");
+    } else if (h != nullptr && kind != HoldKind::Copied) {
+        ++debugData.ended;
+    } else {
+        // A reference the record's own lines do not show: one another record
+        // handed over, the source's when a shallow clone gives back its copy,
+        // or one taken where the log does not show it.
+        auto source = mRecords.find(r.peer);
+        Holder* lent =
+                kind != HoldKind::Copied || source == mRecords.end() || !source->second.handedOver
+                        ? nullptr
+                        : holder(b, r.peer, r.peerGen);
+        if (b.handed > 0) {
+            --b.handed;
+        } else if (lent != nullptr) {
+            b.holders.erase(b.holders.begin() + (lent - b.holders.data()));
         } else {
-            ++it;
+            ++debugData.before;
+        }
+        ++debugData.ended;
+    }
+    if (!freed && count < 0 && !b.underflow) {
+        b.underflow = true;
+        report(Kind::ReferenceUnderflow, buffer, entry.tid, {heldSince, entry.line},
+               kind == HoldKind::Adopted               ? kImportAdopts
+               : kind == HoldKind::Copied || r.shallow ? kShallowCloneDebugData
+                                                       : kAlreadyReferenced,
+               "record " + hex(address) + " gave back a reference below zero");
+    }
+    close(buffer, b);
+}
+
+void Ledger::recordSum(const Entry& entry, uint64_t address, int64_t sum) {
+    // The sum is printed under the counter's lock: the records made before,
+    // less the destructors that have counted down (at least those known to
+    // have returned, at most those begun), plus the records alive when the
+    // log began, of which every one first seen later is one.
+    const int64_t others = sum - 1 - mConstructs;
+    const int64_t high = others + mDestructs;
+    const int64_t low = std::max(others + mReturned, mBeforeCounts ? mBeforeSeen : INT64_MIN);
+    bool consistent = low <= high;
+    if (consistent && mUnseen.known && mLines < kSettling) {
+        // Destructors under way when the log began count down without a
+        // line: for a while the records alive then only become fewer.
+        consistent = low <= mUnseen.high;
+        mUnseen.low = low;
+        mUnseen.high = std::min(mUnseen.high, high);
+    } else if (consistent) {
+        consistent = mUnseen.narrow(low, high);
+    }
+    if (!consistent) {
+        lost(entry, address,
+             "after sum " + std::to_string(sum) + " the ledger counts " +
+                     std::to_string(mConstructs + 1 - mReturned) + " record(s) alive or ending");
+        mUnseen = Bounds{};
+        mUnseen.narrow(others + mReturned, high);
+        mBeforeCounts = false;
+    }
+    ++mConstructs;
+}
+
+void Ledger::chiSum(const Entry& entry, int delta, int64_t printed) {
+    if (entry.tid == 0) {
+        return;  // without threads the lines cannot be ordered against the count
+    }
+    const int64_t index = mSumsBase + static_cast<int64_t>(mSums.size());
+    const SumLine* last = mSums.empty() ? nullptr : &mSums.back();
+    SumLine line{entry.line,
+                 entry.tid,
+                 delta,
+                 printed,
+                 (last != nullptr ? last->count : 0) + delta,
+                 (last != nullptr ? last->creates : 0) + (delta > 0 ? 1 : 0),
+                 (last != nullptr ? last->destroys : 0) + (delta < 0 ? 1 : 0),
+                 -1,
+                 -1};
+    auto [previous, first] = mSumLast.try_emplace(entry.tid, index);
+    if (!first) {
+        line.previous = previous->second;
+        if (previous->second >= mSumsBase) {
+            mSums[static_cast<size_t>(previous->second - mSumsBase)].next = index;
+        }
+        previous->second = index;
+    }
+    mSumAfter.try_emplace(entry.tid, index);
+    mSums.push_back(line);
+    while (mSumChecked + static_cast<int64_t>(kSumAhead) < index) {
+        checkChiSum();
+    }
+}
+
+// ChimetaSum is read after the change, apart from it. The value a line
+// prints lacks at most the changes other threads logged since its own
+// thread's previous line, and holds early at most each other thread's next
+// change.
+void Ledger::checkChiSum() {
+    const int64_t index = mSumChecked++;
+    const SumLine& at = mSums[static_cast<size_t>(index - mSumsBase)];
+    if (at.previous >= mSumsBase) {
+        const SumLine& before = mSums[static_cast<size_t>(at.previous - mSumsBase)];
+        const SumLine* just = &mSums[static_cast<size_t>(index - mSumsBase) - 1];
+        int64_t low = -(just->creates - before.creates);
+        int64_t high = just->destroys - before.destroys;
+        for (const auto& [tid, next] : mSumAfter) {
+            if (tid == at.tid || next <= index || next > index + static_cast<int64_t>(kSumAhead)) {
+                continue;
+            }
+            (mSums[static_cast<size_t>(next - mSumsBase)].delta > 0 ? high : low) +=
+                    mSums[static_cast<size_t>(next - mSumsBase)].delta;
+        }
+        const int64_t offset = at.printed - at.count;
+        if (!mChiStart.narrow(offset - high, offset - low)) {
+            Entry here;
+            here.line = at.line;
+            here.tid = at.tid;
+            lost(here, 0,
+                 "ChimetaSum " + std::to_string(at.printed) +
+                         " disagrees with the objects the log made and ended");
         }
     }
+    // Decided once the lines well after it are checked too: a lost line
+    // shows at the first tight check after it.
+    while (!mPending.empty() && mPending.front().first + kSumSettled <= index) {
+        decide(std::move(mPending.front().second));
+        mPending.pop_front();
+    }
+    // On past it: its thread's next line is that thread's first after it.
+    auto after = mSumAfter.find(at.tid);
+    if (at.next >= 0) {
+        after->second = at.next;
+    } else {
+        mSumAfter.erase(after);
+    }
+    while (mSumChecked - mSumsBase > static_cast<int64_t>(kSumAhead)) {
+        mSums.pop_front();
+        ++mSumsBase;
+    }
+}
+
+void Ledger::copyDone(RecordState& r, const Line& line) {
+    auto source = mRecords.find(line.other);
+    const RecordState* s = source == mRecords.end() ? nullptr : &source->second;
+    if (s != nullptr) {
+        r.ids = s->ids;
+        r.supportPriv = s->supportPriv;
+        r.sameLogical = s->sameLogical;
+    }
+    r.supportPriv = r.supportPriv || !r.copied.empty() || r.logical.address != 0;
+    // Keyed by the source's ids in its set's order; of two equal after atoi
+    // the first keeps the key.
+    std::sort(r.copied.begin(), r.copied.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [index, ref] : r.copied) {
+        const size_t i = static_cast<size_t>(index);
+        const int64_t key = i < r.ids.size()                        ? atoi(r.ids[i].c_str())
+                            : s != nullptr && i < s->cameras.size() ? s->cameras[i].first
+                                                                    : index;
+        const bool taken = std::any_of(r.cameras.begin(), r.cameras.end(),
+                                       [key](const auto& c) { return c.first == key; });
+        if (taken) {
+            orphan(ref, kAtoiSharedKey, r.lastLine);
+        } else {
+            *camera(r, key) = ref;
+        }
+    }
+    r.copied.clear();
+    r.copying = false;
 }
 
 void Ledger::add(const Entry& entry, const Line& line) {
     mProcess.lastLine = entry.line;
+    ++mLines;
     mThreadIds = mThreadIds || entry.tid != 0;
-    ThreadState& thread = mThreads[entry.tid];
-    if (thread.destructing != 0 &&
-        (line.event == Event::Destruct ||
-         (line.function != "~QcomPostProcInfo" && line.function != "destroyChiMeta"))) {
-        destructed(entry.tid, thread);  // its next line is not the destructor's
+    ThreadState& t = thread(entry);
+    // A destructor has returned once its thread logs anything of the
+    // library's but its own lines and destroyChiMeta's.
+    if (t.destructing != 0 && line.function != Fn::DestroyChiMeta &&
+        !(line.function == Fn::Destructor && line.record == t.destructing)) {
+        auto found = mRecords.find(t.destructing);
+        if (found != mRecords.end() && found->second.gen == t.destructingGen) {
+            finishRecord(t.destructing, found->second, Finish::Returned, entry.line);
+            mRecords.erase(found);
+        }
+        t.destructing = 0;
     }
-    if (line.event != Event::RefAdd && line.event != Event::ShallowCopy) {
-        thread.referenced.clear();
+    if (line.record != 0) {
+        t.record = line.record;
     }
-    // A copy's lines name it before its constructor's line; a destructor's
-    // name the record already ended.
-    if (line.record != 0 && line.event != Event::Construct && line.event != Event::Owned &&
-        line.record != thread.destructing) {
-        record(line.record, entry);
-    }
+    LastLine& last = mLast[entry.tid];
+    last.library = true;
+    last.entry = entry;
+    last.entry.tag = last.entry.message = {};  // views into the reader's buffer
+    last.line = line;
+    last.id.assign(line.id);
     switch (line.event) {
-        case Event::Construct:
-            construct(entry, line);
+        case Event::Construct: {
+            beginRecord(entry, line.record, false);
+            recordSum(entry, line.record, line.count);
             break;
-        case Event::Destruct: {
-            ++mProcess.totals.records.ended;
-            --mRecordAlive;
-            ++mRunning[entry.tid];
-            auto found = mRecords.find(line.record);
-            thread.endingHandedOver = found != mRecords.end() && found->second.handedOver;
-            thread.destructing = line.record;
-            if (found != mRecords.end()) {
-                mRecords.erase(found);
+        }
+        case Event::CopyPhysical: {
+            RecordState& r = beginRecord(entry, line.record, true);
+            // The object is its thread's last made; one a record already
+            // holds means that Create line is missing.
+            MetaState* m = meta(t.created);
+            if (m != nullptr && m->attributed && entry.tid != 0) {
+                lost(entry, line.record, "a copy's CHI metadata object with no Create line");
+                m = nullptr;
+            }
+            if (m != nullptr) {
+                m->attributed = true;
+                m->guessed = entry.tid == 0;
+                r.copied.emplace_back(line.number, t.created);
             }
             break;
         }
-        case Event::ShallowCopy:
-            record(line.record, entry).shallow = true;
-            for (uint64_t object : thread.referenced) {
-                meta(object, entry).shared = true;
+        case Event::CopySameLogical:
+        case Event::CopyLogical: {
+            RecordState& r = beginRecord(entry, line.record, true);
+            r.logical = line.event == Event::CopyLogical ? made(line.object, entry)
+                                                         : seen(line.object, entry);
+            r.sameLogical = line.event == Event::CopySameLogical;
+            break;
+        }
+        case Event::CopyDone: {
+            RecordState& r = beginRecord(entry, line.record, true);
+            copyDone(r, line);
+            if (line.object != r.logical.address) {
+                r.logical = seen(line.object, entry);
+            }
+            recordSum(entry, line.record, line.count);
+            break;
+        }
+        case Event::Destruct: {
+            auto [it, fresh] = mRecords.try_emplace(line.record);
+            RecordState& r = it->second;
+            if (fresh) {
+                beginBefore(r, entry, line.record, false);
+            } else if (r.destructing) {
+                lost(entry, line.record, "destroyed again, or its Construct line is missing");
+                finishRecord(line.record, r, Finish::Superseded, entry.line);
+                beginBefore(r, entry, line.record, false);
+            }
+            r.lastLine = entry.line;
+            destructing(r, entry, line.record);
+            break;
+        }
+        case Event::ShallowCopy: {
+            // Elements of the map stay where they are when it grows.
+            RecordState& c = record(entry, line);
+            Line named = line;
+            named.record = line.other;
+            RecordState& source = record(entry, named);
+            c.shallow = source.shallow = true;
+            c.peer = line.other;
+            c.peerGen = source.gen;
+            c.supportPriv = source.supportPriv;
+            c.sameLogical = source.sameLogical;
+            c.translated = source.translated;
+            c.ids = source.ids;
+            if (source.supportPriv && !source.translated) {
+                c.logical = source.logical;
+                c.cameras = source.cameras;
+                for (Ref shared : {c.logical}) {
+                    if (MetaState* m = meta(shared)) {
+                        m->shared = true;
+                    }
+                }
+                for (const auto& cam : c.cameras) {
+                    if (MetaState* m = meta(cam.second)) {
+                        m->shared = true;
+                    }
+                }
+            }
+            // shallowClone(true) copies the buffers without references; the
+            // log does not say which it was.
+            for (uint64_t buffer : source.buffers) {
+                auto found = mBuffers.find(buffer);
+                Holder* h = found == mBuffers.end() ? nullptr
+                                                    : holder(found->second, line.other, source.gen);
+                if (h != nullptr && h->kind != HoldKind::Copied) {
+                    hold(c, line.record, buffer, HoldKind::Copied, h->iqbm, kNoKeep, entry);
+                }
             }
             break;
-        case Event::MetaCreate:
-            thread.created = line.object;
+        }
+        case Event::MetaCreate: {
             if (line.object != 0) {
-                // An address seen before was ended outside the log (the host
-                // ends what the record leaves).
                 auto [it, fresh] = mMetas.try_emplace(line.object);
-                mProcess.totals.chiMetas.ended += fresh ? 0 : 1;
-                it->second = MetaState{};
-                it->second.created = true;
-                it->second.evidence.see(entry);
-                mDestroyed.erase(line.object);
+                MetaState& m = it->second;
+                if (!fresh && m.alive) {
+                    // Handed out again, so the object there was ended: where
+                    // no record held it any more, outside the library.
+                    if (m.cause == nullptr) {
+                        lost(entry, line.object,
+                             "a CHI metadata object made at the address of one never destroyed");
+                    }
+                    ended(line.object, m, entry);
+                }
+                const uint32_t gen = m.gen + 1;
+                const uint64_t previous = m.endLine;
+                m = MetaState{};
+                m.gen = gen;
+                m.alive = true;
+                m.origin = Origin::Created;
+                m.madeLine = entry.line;
+                m.previousEndLine = previous;
+                m.tid = entry.tid;
                 ++mProcess.totals.chiMetas.created;
+                t.created = {line.object, gen};
+            } else {
+                t.created = {};
+            }
+            chiSum(entry, 1, line.count);
+            break;
+        }
+        case Event::MetaDestroy: {
+            auto [it, fresh] = mMetas.try_emplace(line.object);
+            MetaState& m = it->second;
+            if (fresh) {
+                m.gen = 1;
+                m.origin = Origin::Before;
+                m.alive = true;
+                ++mProcess.totals.chiMetas.before;
+            }
+            if (m.alive) {
+                auto destroyer = mRecords.find(t.record);
+                if (destroyer != mRecords.end()) {
+                    const RecordState& d = destroyer->second;
+                    auto stale = [&](Ref ref) {
+                        return ref.address == line.object && ref.gen != m.gen;
+                    };
+                    m.staleEnd = stale(d.logical) ||
+                                 std::any_of(d.cameras.begin(), d.cameras.end(),
+                                             [&](const auto& c) { return stale(c.second); }) ||
+                                 std::any_of(d.parked.begin(), d.parked.end(), stale);
+                }
+                ended(line.object, m, entry);
+                chiSum(entry, -1, line.count);
+            } else {
+                chiSum(entry, -1, line.count);
+                // Without threads the sums cannot tell it from a lost Create line.
+                doubleDestroy({Kind::ChiMetaDoubleDestroy,
+                               line.object,
+                               mProcess.pid,
+                               entry.tid,
+                               mProcess.boot,
+                               {m.endLine, entry.line},
+                               m.shared || m.staleEnd ? kShallowCloneOwner : kHeldAndParked,
+                               entry.tid != 0,
+                               false,
+                               "ended twice"});
             }
             break;
-        case Event::MetaDestroy:
-            destroyed(entry, line.object, false);
+        }
+        case Event::MetaRefused: {
+            auto found = mMetas.find(line.object);
+            if (found == mMetas.end()) {
+                break;  // it ended before the log began
+            }
+            MetaState& m = found->second;
+            auto refuser = mRecords.find(t.record);
+            const bool stale =
+                    refuser != mRecords.end() && m.alive &&
+                    !(refuser->second.logical.address == line.object &&
+                      refuser->second.logical.gen == m.gen) &&
+                    std::none_of(refuser->second.cameras.begin(), refuser->second.cameras.end(),
+                                 [&](const auto& c) {
+                                     return c.second.address == line.object &&
+                                            c.second.gen == m.gen;
+                                 }) &&
+                    std::none_of(refuser->second.parked.begin(), refuser->second.parked.end(),
+                                 [&](Ref p) { return p.address == line.object && p.gen == m.gen; });
+            if (!m.alive || stale) {
+                report(Kind::ChiMetaDoubleDestroy, line.object, entry.tid,
+                       {m.alive ? m.previousEndLine : m.endLine, entry.line}, kHeldAndParked,
+                       "the record refused a handle it had ended");
+            } else {
+                // This record ended an earlier object at this address, so it
+                // will not end this one.
+                orphan({line.object, m.gen}, kDestroyedHandlesKept, entry.line);
+            }
             break;
-        case Event::MetaRefused:
-            destroyed(entry, line.object, true);
-            break;
+        }
         case Event::RefAdd:
         case Event::TraceAdd: {
-            MetaState& state = meta(line.object, entry);
-            ++state.held;
-            state.owner = state.owner != 0 ? state.owner : line.record;
-            thread.referenced.push_back(line.object);
-            metaCount(entry, state, line.object, line.count, line.event == Event::RefAdd);
+            RecordState& r = record(entry, line);
+            Ref ref =
+                    line.event == Event::TraceAdd ? current(line.object) : seen(line.object, entry);
+            if (line.event == Event::TraceAdd && ref.address == 0 && line.object != 0) {
+                // A result's new object, at an ended one's address: the line
+                // taking it is missing. Unknown, it is from before the log.
+                if (mMetas.count(line.object) != 0) {
+                    lost(entry, line.object, "a result's object referenced with no line taking it");
+                }
+                ref = adopt(line.object, entry);
+            }
+            if (line.event == Event::RefAdd && ref.address != 0) {
+                // What addChiMetasRef walks is what the record holds.
+                *(line.number == -1 ? &r.logical : camera(r, line.number)) = ref;
+                r.supportPriv = true;
+            }
+            mTraces = mTraces || line.event == Event::TraceAdd;
+            if (MetaState* m = meta(ref)) {
+                ++m->held;
+            }
+            countCheck(entry, ref, line.count, kHalReferences);
             break;
         }
         case Event::RefRelease:
         case Event::TraceRelease:
         case Event::RefRead: {
-            MetaState& state = meta(line.object, entry);
-            state.held -= line.event != Event::RefRead && state.held > 0 ? 1 : 0;
-            metaCount(entry, state, line.object, line.count, line.event != Event::TraceRelease);
+            RecordState& r = record(entry, line);
+            const Ref ref = current(line.object);
+            MetaState* m = meta(ref);
+            if (m != nullptr && line.event != Event::RefRead && m->held > 0) {
+                --m->held;
+            }
+            mTraces = mTraces || line.event == Event::TraceRelease;
+            countCheck(entry, ref, line.count,
+                       line.event == Event::RefRelease
+                               ? (r.shallow ? kShallowCloneOwner : kReleaseHandsOver)
+                               : kHalReferences);
             break;
         }
-        case Event::Owned: {
-            const uint64_t object = line.object != 0 ? line.object : thread.created;
-            if (object != 0 && (line.object != 0 || line.function == "QcomPostProcInfo")) {
-                meta(object, entry).owner = line.record;
+        case Event::ReconcileStart: {
+            RecordState& r = record(entry, line);
+            r.supportPriv = line.number != 0;
+            if (r.logical.address != line.object) {
+                r.logical = seen(line.object, entry);
             }
             break;
         }
-        case Event::PrivPhy: {
-            auto [slot, fresh] =
-                    record(line.record, entry)
-                            .keys.try_emplace(atoi(std::string(line.id).c_str()), line.object);
-            if (!fresh) {  // the later id takes the key; the earlier object is left
-                meta(slot->second, entry).atoiShared = true;
-                slot->second = line.object;
+        case Event::ReconcileLogical: {
+            RecordState& r = record(entry, line);
+            if (line.object != 0) {
+                park(r, line.object, entry);
+            }
+            r.logical = adopt(line.other, entry);
+            break;
+        }
+        case Event::ReconcileCamera:
+        case Event::ReconcileReplace: {
+            // The comparison's line already shows a replacement; the one that
+            // follows it says so again.
+            RecordState& r = record(entry, line);
+            Ref* held = camera(r, line.number);
+            if (held->address != line.object && held->address != line.other) {
+                *held = seen(line.object, entry);
+            }
+            if (line.other == line.object || held->address == line.other) {
+                break;
             }
             if (line.object != 0) {
-                meta(line.object, entry).owner = line.record;
+                park(r, line.object, entry);
+            }
+            *camera(r, line.number) = adopt(line.other, entry);
+            break;
+        }
+        case Event::ReconcileRebuild: {
+            RecordState& r = record(entry, line);
+            if (line.number != 0) {
+                for (const auto& c : r.cameras) {
+                    if (c.second.address != 0) {
+                        park(r, c.second.address, entry);
+                    }
+                }
+                r.cameras.clear();
+            }
+            r.ids.clear();
+            break;
+        }
+        case Event::ReconcileAdopt: {
+            RecordState& r = record(entry, line);
+            Ref* held = camera(r, line.number);
+            if (held->address != 0 && held->address != line.object) {
+                // The later id takes the key; the earlier object stays only
+                // in the array, and nothing ends it.
+                orphan(*held, kAtoiSharedKey, entry.line);
+            }
+            *held = adopt(line.object, entry);
+            const std::string id = std::to_string(line.number);
+            auto at = std::lower_bound(r.ids.begin(), r.ids.end(), id);
+            if (at == r.ids.end() || *at != id) {
+                r.ids.insert(at, id);
             }
             break;
         }
-        case Event::HandOver:
-            record(line.record, entry).handedOver = true;
-            for (auto& [address, state] : mMetas) {
-                state.handedOver = state.handedOver || state.owner == line.record;
+        case Event::ReconcileSame:
+            record(entry, line).sameLogical = true;
+            break;
+        case Event::CreatePriv: {
+            RecordState& r = record(entry, line);
+            if (r.logical.address != 0 && r.logical.address != line.object &&
+                !inCameras(r, r.logical.address)) {
+                orphan(r.logical, kCreateOnEmpty, entry.line);
+            }
+            r.supportPriv = true;
+            // createTuningMetaBufs makes no logical result beside a physical one.
+            r.logical = line.function == Fn::CreateTuningMetaBufs && line.count != 0
+                                ? seen(line.object, entry)
+                                : made(line.object, entry);
+            r.sameLogical = line.count != 0;
+            r.ids.clear();
+            r.createLine = entry.line;
+            break;
+        }
+        case Event::CreatePhysical: {
+            RecordState& r = record(entry, line);
+            r.ids.emplace_back(line.id);
+            Ref* held = camera(r, atoi(std::string(line.id).c_str()));
+            const Ref fresh = made(line.object, entry);
+            if (isCurrent(*held) && held->address != line.object) {
+                // Made by this same call: two ids equal after atoi; earlier:
+                // private results created twice.
+                const MetaState* old = meta(*held);
+                orphan(*held, old->madeLine > r.createLine ? kAtoiSharedKey : kCreateOnEmpty,
+                       entry.line);
+            }
+            *held = fresh;
+            break;
+        }
+        case Event::DestroyTuningDone: {
+            RecordState& r = record(entry, line);
+            if (isCurrent(r.logical) && !inCameras(r, r.logical.address)) {
+                orphan(r.logical, r.sameLogical ? kAtoiSharedKey : kLinesMissing, entry.line);
+            }
+            r.logical = {};
+            r.cameras.erase(std::remove_if(r.cameras.begin(), r.cameras.end(),
+                                           [this](const auto& c) { return !isCurrent(c.second); }),
+                            r.cameras.end());
+            break;
+        }
+        case Event::HandOver: {
+            RecordState& r = record(entry, line);
+            r.handedOver = true;
+            r.handOverLine = entry.line;
+            orphan(r.logical, kReleaseHandsOver, entry.line);
+            for (const auto& c : r.cameras) {
+                orphan(c.second, kReleaseHandsOver, entry.line);
+            }
+            r.logical = {};
+            r.cameras.clear();
+            break;
+        }
+        case Event::Translated:
+            record(entry, line).translated = true;
+            break;
+        case Event::TuningParams:
+            record(entry, line).freeData = true;
+            break;
+        case Event::IqbmAdd: {
+            RecordState& r = record(entry, line);
+            hold(r, line.record, line.object, HoldKind::Reference, true, line.count, entry);
+            break;
+        }
+        case Event::Keep: {
+            RecordState& r = record(entry, line);
+            auto found = mBuffers.find(line.object);
+            Holder* h =
+                    found == mBuffers.end() ? nullptr : holder(found->second, line.record, r.gen);
+            if (line.count == -1) {
+                if (h == nullptr) {  // held by a hold the log does not show
+                    hold(r, line.record, line.object, HoldKind::Unknown, false, kNoKeep, entry);
+                }
+            } else if (h != nullptr && h->awaitsKeep == line.count) {
+                h->awaitsKeep = kNoKeep;  // the manager's line told of this add
+            } else if (h != nullptr && h->kind == HoldKind::Unknown) {
+                // Another thread's keep of the same buffer lost the race to
+                // this one and logged first that it was held.
+                h->kind = HoldKind::Reference;
+                --mProcess.totals.debugData.before;
+                ++mProcess.totals.debugData.created;
+            } else {
+                if (h != nullptr) {
+                    // The record's set had let it go without a line: handed over.
+                    BufferState& b = found->second;
+                    b.holders.erase(b.holders.begin() + (h - b.holders.data()));
+                    ++b.handed;
+                    b.handedLine = r.handOverLine != 0 ? r.handOverLine : entry.line;
+                }
+                hold(r, line.record, line.object, HoldKind::Reference, false, kNoKeep, entry);
             }
             break;
-        case Event::DebugAdd:
-            thread.addRecord = line.record;
-            thread.addBuffer = line.object;
-            thread.addCount = line.count;
-            debugAdd(entry, line.record, line.object, line.count, true);
-            return;
-        case Event::DebugKeep:
-            // -1: held already. The manager's own line told of this add.
-            if (line.count != -1 &&
-                !(thread.addBuffer == line.object && thread.addRecord == line.record &&
-                  thread.addCount == line.count)) {
-                debugAdd(entry, line.record, line.object, line.count, true);
-            }
-            break;
-        case Event::DebugAdopt:
-            debugAdd(entry, line.record, line.object, 0, false);
+        }
+        case Event::Adopt:
+            hold(record(entry, line), line.record, line.object, HoldKind::Adopted, false, kNoKeep,
+                 entry);
             break;
         case Event::DebugDec:
         case Event::DebugFree:
-            debugRelease(entry, line.record, line.object, line.count,
-                         line.event == Event::DebugFree);
+            release(record(entry, line), line.record, line.object, line.count,
+                    line.event == Event::DebugFree, entry);
             break;
         case Event::Other:
+            if (line.function == Fn::Constructor) {
+                beginRecord(entry, line.record, true);  // a copy constructor's note
+            } else {
+                record(entry, line);
+            }
+            break;
+        case Event::NoRecord:
             break;
     }
-    thread.addBuffer = 0;
+}
+
+bool Ledger::replay(int32_t tid, uint64_t times, uint64_t at) {
+    auto found = mLast.find(tid);
+    if (found == mLast.end() || !found->second.library) {
+        return false;
+    }
+    LastLine copy = found->second;
+    copy.entry.line = at;
+    copy.line.id = copy.id;
+    for (uint64_t i = 0; i < times; ++i) {
+        add(copy.entry, copy.line);
+    }
+    return true;
 }
 
 Process Ledger::finish(bool processEnded) {
-    for (auto& [tid, thread] : mThreads) {
-        if (thread.destructing != 0) {
-            destructed(tid, thread);
-        }
+    while (mSumChecked < mSumsBase + static_cast<int64_t>(mSums.size())) {
+        checkChiSum();
     }
+    for (auto& [index, finding] : mPending) {
+        decide(std::move(finding));
+    }
+    mPending.clear();
     const size_t decided = mProcess.findings.size();
-    std::map<uint64_t, const RecordState*> leaked;
-    for (const auto& [address, state] : mRecords) {
-        if (state.created) {
-            leaked.emplace(address, &state);
-        }
-    }
-    for (const auto& [address, state] : leaked) {
-        size_t metas = 0;
-        size_t buffers = 0;
-        for (const auto& [object, meta] : mMetas) {
-            metas += meta.owner == address ? 1 : 0;
-        }
-        for (const auto& [object, buffer] : mBuffers) {
-            buffers +=
-                    std::count_if(buffer.holders.begin(), buffer.holders.end(),
-                                  [holder = address](const auto& h) { return h.first == holder; });
-        }
-        report(Kind::RecordLeak, address, state->evidence, state->evidence.last, kRecordLifetime,
-               "never destroyed; holds " + std::to_string(metas) + " CHI metadata object(s) and " +
-                       std::to_string(buffers) + " debug buffer(s)");
+    for (auto& [address, r] : mRecords) {
+        finishRecord(address, r, Finish::LogEnded, mProcess.lastLine);
     }
     // What a live record holds counts with the record.
-    std::map<uint64_t, const MetaState*> orphans;
-    for (const auto& [address, state] : mMetas) {
-        if (state.created && mRecords.count(state.owner) == 0) {
-            orphans.emplace(address, &state);
+    std::unordered_set<uint64_t> held;
+    std::map<uint64_t, const RecordState*> leaked;
+    for (const auto& [address, r] : mRecords) {
+        if (r.destructing) {
+            continue;
+        }
+        for (Ref ref : {r.logical}) {
+            held.insert(ref.address);
+        }
+        for (const auto& c : r.cameras) {
+            held.insert(c.second.address);
+        }
+        for (Ref p : r.parked) {
+            held.insert(p.address);
+        }
+        if (r.made) {
+            leaked.emplace(address, &r);
         }
     }
-    for (const auto& [address, state] : orphans) {
-        report(Kind::ChiMetaLeak, address, state->evidence, state->evidence.last,
-               state->handedOver   ? kReleaseHandsOver
-               : state->atoiShared ? kAtoiSharedKey
-                                   : kCreateOnEmpty,
-               "never destroyed");
+    for (const auto& [address, r] : leaked) {
+        size_t objects = 0;
+        for (Ref ref : {r->logical}) {
+            objects += isCurrent(ref) && !inCameras(*r, ref.address) ? 1 : 0;
+        }
+        for (const auto& c : r->cameras) {
+            objects += isCurrent(c.second) ? 1 : 0;
+        }
+        for (Ref p : r->parked) {
+            objects += isCurrent(p) ? 1 : 0;
+        }
+        report(Kind::RecordLeak, address, r->tid, {r->firstLine, r->lastLine}, kRecordLifetime,
+               "never destroyed; holds " + std::to_string(objects) +
+                       " CHI metadata object(s) and " + std::to_string(r->buffers.size()) +
+                       " debug buffer(s)");
+    }
+    std::map<uint64_t, const MetaState*> orphans;
+    for (const auto& [address, m] : mMetas) {
+        if (m.alive && held.count(address) == 0 &&
+            (m.origin != Origin::Before || m.cause != nullptr)) {
+            orphans.emplace(address, &m);
+        }
+    }
+    for (const auto& [address, m] : orphans) {
+        const bool asserted = m->cause != kLinesMissing && m->cause != kLogEnded && !m->guessed &&
+                              m->origin != Origin::Before && (m->cause != nullptr || m->attributed);
+        const char* rule = m->cause == kLinesMissing || m->cause == kLogEnded ? nullptr : m->cause;
+        std::string detail = m->cause == kLinesMissing ? "its record ended without its Destroy line"
+                             : m->cause == kLogEnded
+                                     ? "its record's destructor had not finished when the log ended"
+                             : m->cause == nullptr
+                                     ? "made by createChiMeta for no record the log shows"
+                                     : "never destroyed";
+        report(Kind::ChiMetaLeak, address, m->tid, {m->madeLine, m->causeLine}, rule,
+               std::move(detail), asserted);
+    }
+    std::map<uint64_t, const BufferState*> buffers;
+    for (const auto& [address, b] : mBuffers) {
+        if (b.open && (b.handed > 0 || b.lostCause != nullptr)) {
+            buffers.emplace(address, &b);
+        }
+    }
+    for (const auto& [address, b] : buffers) {
+        if (b->handed > 0) {
+            report(Kind::DebugDataLeak, address, b->tid, {b->firstLine, b->handedLine},
+                   kReleaseHandsOver,
+                   "handed over by releaseTuningMetaBufs and given back by nobody");
+        } else {
+            report(Kind::DebugDataLeak, address, b->tid, {b->firstLine, b->lostLine}, nullptr,
+                   b->lostCause == kLogEnded
+                           ? "its record's destructor had not finished when the log ended"
+                           : "its record ended without its line giving it back",
+                   false);
+        }
     }
     for (size_t i = decided; i < mProcess.findings.size(); ++i) {
         mProcess.findings[i].processEnded = processEnded;
@@ -741,29 +1411,45 @@ Process Ledger::finish(bool processEnded) {
 
 namespace {
 
-// A line that tells of a process's death: libc's fatal signal, the tombstone
-// header, init's service exit and ActivityManager's death notice. The pid,
-// or 0.
+// A line that tells of a process's death: libc's fatal signal, the
+// tombstone's header (crash_dump's own, at Fatal), init's reaping in every
+// wording since Android 8, and ActivityManager's death notice. The pid, or 0.
 int32_t deadProcess(const Entry& entry) {
-    static const struct {
-        const char* tag;
-        const char* words;
-        const char* pid;
-    } kSigns[] = {{"libc", "Fatal signal", ", pid "},
-                  {"DEBUG", "pid: ", "pid: "},
-                  {"init", "exited", "(pid "},
-                  {"init", "killed", "(pid "},
-                  {"init", "exited", "Untracked pid "},
-                  {"init", "killed", "Untracked pid "},
-                  {"ActivityManager", "has died", "(pid "}};
-    for (const auto& sign : kSigns) {
-        const size_t at = entry.message.find(sign.pid);
-        if (entry.tag == sign.tag && at != std::string_view::npos &&
-            entry.message.find(sign.words) != std::string_view::npos) {
-            return atoi(std::string(entry.message.substr(at + strlen(sign.pid), 10)).c_str());
+    const std::string_view tag = entry.tag;
+    const std::string_view message = entry.message;
+    auto numberAfter = [message](size_t at) {
+        return at == std::string_view::npos ? 0 : atoi(std::string(message.substr(at, 12)).c_str());
+    };
+    if (tag == "libc" && entry.priority == 'F' && message.substr(0, 13) == "Fatal signal ") {
+        const size_t pid = message.find(", pid ");
+        return entry.pid != 0 ? entry.pid : numberAfter(pid == message.npos ? pid : pid + 6);
+    }
+    if (tag == "DEBUG" && entry.priority == 'F' && message.substr(0, 5) == "pid: " &&
+        message.find(", tid: ") != std::string_view::npos) {
+        return numberAfter(5);
+    }
+    if (tag == "init" && (message.find(" exited with status ") != std::string_view::npos ||
+                          message.find(" received signal ") != std::string_view::npos ||
+                          message.find(" killed by signal ") != std::string_view::npos)) {
+        if (message.substr(0, 9) == "Service '") {
+            const size_t pid = message.find("' (pid ");
+            return numberAfter(pid == message.npos ? pid : pid + 7);
+        }
+        if (message.substr(0, 14) == "Untracked pid ") {
+            return numberAfter(14);
         }
     }
+    if (tag == "ActivityManager" && message.substr(0, 8) == "Process " &&
+        message.find(" has died") != std::string_view::npos) {
+        const size_t pid = message.find("(pid ");
+        return numberAfter(pid == message.npos ? pid : pid + 5);
+    }
     return 0;
+}
+
+bool interesting(std::string_view tag) {
+    return tag == "libc" || tag == "DEBUG" || tag == "init" || tag == "chatty" ||
+           tag == "ActivityManager";
 }
 
 }  // namespace
@@ -773,13 +1459,36 @@ Checker::Checker(std::function<void(const Finding&)> onFinding)
 
 Checker::~Checker() = default;
 
+Ledger& Checker::ledger(const Entry& entry) {
+    const Key key{mBoot, entry.pid};
+    std::unique_ptr<Ledger>& found = mLedgers[key];
+    if (!found) {
+        found = std::make_unique<Ledger>(entry.pid, mBoot, entry.line, mOnFinding);
+    }
+    return *found;
+}
+
 void Checker::add(const Entry& entry) {
-    if (entry.tag != "KyCamAdapter") {
+    static constexpr std::string_view kTag = "KyCamAdapter";
+    const bool library =
+            entry.tag == kTag || (entry.tag.empty() && looksLikeLibrary(entry.message));
+    if (!library) {
         ++mOtherLines;
-        if (const int32_t dead = deadProcess(entry)) {
-            end(dead, true);
-        } else if (entry.tag == "chatty" && mLedgers.count(entry.pid) != 0) {
-            mLedgers[entry.pid]->lost(entry);
+        if (interesting(entry.tag)) {
+            if (const int32_t dead = deadProcess(entry)) {
+                end({mBoot, dead}, true);
+                return;
+            }
+            if (entry.tag == "chatty") {
+                chatty(entry);
+                return;
+            }
+        }
+        if (!mLedgers.empty()) {
+            auto found = mLedgers.find({mBoot, entry.pid});
+            if (found != mLedgers.end()) {
+                found->second->other(entry.tid);
+            }
         }
         return;
     }
@@ -796,35 +1505,75 @@ void Checker::add(const Entry& entry) {
     mSeen.metaDebug = mSeen.metaDebug || (line.group == 64 && debug && !trace);
     mSeen.traces = mSeen.traces || trace;
     mSeen.threadIds = mSeen.threadIds || entry.tid != 0;
-    std::unique_ptr<Ledger>& ledger = mLedgers[entry.pid];
-    if (!ledger) {
-        ledger = std::make_unique<Ledger>(entry.pid, entry.line, mOnFinding);
-    }
-    ledger->add(entry, line);
+    mLast = &ledger(entry);
+    mLast->add(entry, line);
 }
 
-void Checker::end(int32_t pid, bool processEnded) {
-    auto found = mLedgers.find(pid);
+// logd's own lines: "identical N lines" folds copies of the line before on
+// that thread; "expire N lines" may have dropped any of that process's.
+void Checker::chatty(const Entry& entry) {
+    auto found = mLedgers.find({mBoot, entry.pid});
+    const std::string_view message = entry.message;
+    const size_t identical = message.find(" identical ");
+    const size_t expire = message.find(" expire ");
+    if (found == mLedgers.end() ||
+        (identical == std::string_view::npos && expire == std::string_view::npos)) {
+        return;
+    }
+    if (identical != std::string_view::npos && entry.tid != 0) {
+        // The copies are known exactly: the library's are read again.
+        const uint64_t times =
+                strtoull(std::string(message.substr(identical + 11, 12)).c_str(), nullptr, 10);
+        found->second->replay(entry.tid, times, entry.line);
+        return;
+    }
+    found->second->mayHaveLost();
+    mCaveats.push_back({entry.line, "logd dropped lines of pid " + std::to_string(entry.pid) +
+                                            " (chatty): what is found after line " +
+                                            std::to_string(entry.line) + " is not asserted"});
+}
+
+void Checker::beginBoot(int boot) {
+    mBoot = boot;
+}
+
+void Checker::endBoot(int boot, uint64_t /*line*/) {
+    std::vector<Key> ending;
+    for (const auto& [key, ledger] : mLedgers) {
+        if (key.first == boot) {
+            ending.push_back(key);
+        }
+    }
+    for (const Key& key : ending) {
+        end(key, true);
+    }
+}
+
+void Checker::end(Key key, bool processEnded) {
+    auto found = mLedgers.find(key);
     if (found != mLedgers.end()) {
+        if (mLast == found->second.get()) {
+            mLast = nullptr;
+        }
         mDone.push_back(found->second->finish(processEnded));
         mLedgers.erase(found);
     }
 }
 
 void Checker::finish() {
-    // A process whose lines stop before another's begin was replaced: the
-    // camera provider restarted.
-    std::vector<int32_t> replaced;
-    for (const auto& [pid, ledger] : mLedgers) {
+    // A process whose lines stop before another's of the same boot begin was
+    // replaced: the camera provider restarted.
+    std::vector<Key> replaced;
+    for (const auto& [key, ledger] : mLedgers) {
         for (const auto& [other, later] : mLedgers) {
-            if (later->firstLine() > ledger->lastLine()) {
-                replaced.push_back(pid);
+            if (other.first == key.first && later->firstLine() > ledger->lastLine()) {
+                replaced.push_back(key);
                 break;
             }
         }
     }
-    for (int32_t pid : replaced) {
-        end(pid, true);
+    for (const Key& key : replaced) {
+        end(key, true);
     }
     while (!mLedgers.empty()) {
         end(mLedgers.begin()->first, false);

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// postproc-logcheck's library: a phone's log read in any of logcat's formats,
-// the record's ledger rebuilt from the library's own lines, one per process,
-// and what it found, for a person or for a script.
+// postproc-logcheck's library: a phone's log read in any of logcat's forms
+// (every -v format and modifier, -B, a bug report and its zip), the record's
+// ledger rebuilt from the library's own lines, one per process and boot, and
+// what it found, for a person or for a script.
 #pragma once
 
 #include <signal.h>
@@ -19,26 +20,41 @@ namespace logcheck {
 
 // One log entry. The views stay valid until the next line is read.
 struct Entry {
-    uint64_t line = 0;  // input line where it starts (binary: entry number)
-    int32_t pid = 0;
-    int32_t tid = 0;
-    char priority = '?';  // V D I W E F
-    std::string_view tag;
+    uint64_t line = 0;     // input line where it starts (binary: entry number)
+    int32_t pid = 0;       // 0 where the format prints none
+    int32_t tid = 0;       // 0 where the format prints none
+    char priority = '?';   // V D I W E F
+    std::string_view tag;  // empty where the format prints none
     std::string_view message;
 };
 
 // logcat's -v formats; Auto recognises each line by itself.
-enum class Format { Auto, Threadtime, Brief, Time, Long, Binary };
-bool parseFormat(std::string_view name, Format* out);
+enum class Format { Auto, Threadtime, Brief, Time, Long, Tag, Process, Thread, Raw, Binary };
+// A -v argument: one format and logcat's modifiers, comma separated.
+// Modifiers change only what the reader recognises anyway.
+bool parseFormat(std::string_view words, Format* out);
 const char* formatName(Format format);
 
-// Buffered reading of a file descriptor, by lines or by bytes, in bounded
-// memory: a line longer than the buffer is handed out cut.
+// Where bytes come from: a descriptor, or a decompressed stream.
+class Source {
+  public:
+    virtual ~Source() = default;
+    // Up to size bytes; 0 at the end, -1 on an error (errno set).
+    virtual long read(char* buffer, size_t size) = 0;
+};
+
+// Opens a file as logs are kept: plain, gzip, or a bug report zip (its main
+// entry). "-" is standard input. Null on failure, with *error an errno value
+// and *reason a sentence where errno has none.
+std::unique_ptr<Source> openLog(const char* path, int* error, std::string* reason);
+
+// Buffered reading by lines or by bytes, in bounded memory: a line longer
+// than the buffer is still one line, handed out empty and marked overlong.
 class Reader {
   public:
-    explicit Reader(int fd) : mFd(fd) {}
+    explicit Reader(Source& source) : mSource(source) {}
     // False at the end of input or when reading fails (see error()).
-    bool line(std::string_view* line, bool* cut);
+    bool line(std::string_view* line, bool* overlong);
     // Up to n bytes from the current position, not consumed.
     std::string_view peek(size_t n);
     void consume(size_t n) { mBegin += n; }
@@ -46,7 +62,7 @@ class Reader {
 
   private:
     bool fill();
-    int mFd;
+    Source& mSource;
     int mError = 0;
     bool mEnd = false;
     std::vector<char> mBuffer = std::vector<char>(1 << 16);
@@ -59,14 +75,18 @@ class TextParser {
   public:
     enum class Result { Entry, Marker, Continuation, Skipped };
     explicit TextParser(Format format = Format::Auto) : mFormat(format) {}
-    // One line without its line feed; a carriage return is dropped here.
+    // One line without its line feed; colour, trailing blanks and carriage
+    // returns are taken off here.
     Result feed(std::string_view line, uint64_t number, Entry* entry);
     Format seen() const { return mSeen; }  // the last format recognised
+    // Lines that hold the library's message with no header (-v raw).
+    uint64_t rawLibraryLines() const { return mRawLibraryLines; }
 
   private:
     bool parseLongHeader(std::string_view line);
     Format mFormat;
     Format mSeen = Format::Auto;
+    uint64_t mRawLibraryLines = 0;
     // long: a header waits for its message line; lines up to a blank one
     // continue the message.
     enum class Long { None, Header, Message } mLong = Long::None;
@@ -104,16 +124,19 @@ struct Finding {
     uint64_t object;  // the pointer as the log printed it; 0 when none
     int32_t pid;
     int32_t tid;
-    uint64_t firstLine;  // of its evidence
-    uint64_t lastLine;
-    const char* rule;  // the host rule most likely broken; null for lines-lost
+    int boot;                        // 0 the log's own; 1 and up earlier boots of a bug report
+    std::vector<uint64_t> evidence;  // input lines, in order
+    const char* rule;                // the host rule most likely broken; null when none
     bool certain;
     bool processEnded;
     std::string detail;
 };
 
-// One object family: made in the log, alive when the log began, ended in
-// it, and alive at its end.
+// What a host does about a rule, in one line; null for an unknown rule.
+const char* advice(const char* rule);
+
+// One object family: made in the log, alive when the log began (or made
+// where the log does not show it), ended in it, and alive at its end.
 struct Count {
     uint64_t created = 0;
     uint64_t before = 0;
@@ -124,7 +147,7 @@ struct Count {
 struct Totals {
     Count records;
     Count chiMetas;
-    Count debugData;
+    Count debugData;  // one per hold of a buffer, from its first reference to its last
     Totals& operator+=(const Totals& other);
 };
 
@@ -134,65 +157,105 @@ struct Seen {
     bool metaInfo = false;   // Info lines of group 64
     bool metaDebug = false;  // Debug lines of group 64
     bool traces = false;     // reconciliation's reference traces (level below 3)
-    bool threadIds = false;  // entries carry their thread (not brief, not time)
+    bool threadIds = false;  // entries carry their thread (not brief, time, tag, process)
 };
 
 struct Process {
     int32_t pid = 0;
-    bool ended = false;  // the process died or was replaced
+    int boot = 0;
+    bool ended = false;  // the process died, was replaced, or its boot ended
     uint64_t firstLine = 0;
     uint64_t lastLine = 0;
     Totals totals;
     std::vector<Finding> findings;
 };
 
+// What the log could not tell, with the line it begins at.
+struct Caveat {
+    uint64_t line;
+    std::string text;
+};
+
 class Ledger;
 
-// Takes entries of any tag and keeps one ledger per process.
+// Takes entries of any tag and keeps one ledger per process and boot.
 class Checker {
   public:
     // onFinding sees each finding as soon as it is decided.
     explicit Checker(std::function<void(const Finding&)> onFinding = nullptr);
     ~Checker();
     void add(const Entry& entry);
+    // A bug report's sections: entries from now on belong to this boot (0:
+    // the report's own, 1: the one before, ...).
+    void beginBoot(int boot);
+    // That boot's processes ended with it (the phone rebooted).
+    void endBoot(int boot, uint64_t line);
     void finish();  // end of input: what is still alive is decided on
 
     const std::vector<Process>& processes() const { return mDone; }
+    const std::vector<Caveat>& caveats() const { return mCaveats; }
     const Seen& seen() const { return mSeen; }
     uint64_t libraryLines() const { return mLibraryLines; }
     uint64_t otherLines() const { return mOtherLines; }
     uint64_t unknownLines() const { return mUnknownLines; }
 
   private:
-    void end(int32_t pid, bool processEnded);
+    using Key = std::pair<int, int32_t>;  // boot, pid
+    Ledger& ledger(const Entry& entry);
+    void end(Key key, bool processEnded);
+    void chatty(const Entry& entry);
     std::function<void(const Finding&)> mOnFinding;
-    std::map<int32_t, std::unique_ptr<Ledger>> mLedgers;
+    std::map<Key, std::unique_ptr<Ledger>> mLedgers;
     std::vector<Process> mDone;
+    std::vector<Caveat> mCaveats;
     Seen mSeen;
+    int mBoot = 0;
+    Ledger* mLast = nullptr;  // the ledger of the last library line
     uint64_t mLibraryLines = 0;
     uint64_t mOtherLines = 0;
     uint64_t mUnknownLines = 0;
 };
 
 struct InputStats {
-    uint64_t lines = 0;    // text lines, or binary entries
-    uint64_t markers = 0;  // "--------- beginning of ..."
-    uint64_t skipped = 0;  // no entry: truncated, garbled
+    uint64_t lines = 0;            // text lines, or binary entries
+    uint64_t markers = 0;          // "--------- beginning of ...", a bug report's section lines
+    uint64_t skipped = 0;          // no entry: truncated, garbled, longer than 64 KiB
+    uint64_t outside = 0;          // a bug report's lines outside its logs
+    uint64_t rawLibraryLines = 0;  // the library's messages without a header
     Format format = Format::Auto;
+    bool bugReport = false;
     bool interrupted = false;
 };
 
 // Reads one input into the checker until its end or until *stop is set.
-// False when it cannot be read; error then holds the errno value (ENOTSUP:
-// binary input in a build without liblog).
-bool readLog(int fd, Format format, Checker& checker, InputStats& stats, int* error,
+// False when it cannot be read, with the reason.
+bool readLog(Source& source, Format format, Checker& checker, InputStats& stats, std::string* error,
              const volatile sig_atomic_t* stop);
+
+// The texts of the given input lines (sorted), read again from the start.
+std::map<uint64_t, std::string> evidenceLines(Source& source, const std::vector<uint64_t>& lines);
+
+enum class Verdict { Clean, Findings, NothingChecked };
+Verdict verdict(const Checker& checker);
+// The exit status that goes with it: 0 clean, 1 findings, 3 nothing checked.
+int exitStatus(Verdict verdict);
+
+struct ReportOptions {
+    bool all = false;  // every finding, not the first of each rule past a screenful
+    // Texts of evidence lines, when the input could be read again.
+    const std::map<uint64_t, std::string>* texts = nullptr;
+};
 
 // One finding on one line, as the live output prints it.
 std::string describe(const Finding& finding);
-// The verdict first, the ledger per process, the findings most severe
-// first, the checks the log could not support, and the input.
-void printHuman(FILE* out, const Checker& checker, const InputStats& input);
-void printJson(FILE* out, const Checker& checker, const InputStats& input);
+// The evidence lines every finding cites, for evidenceLines().
+std::vector<uint64_t> citedLines(const Checker& checker);
+// The verdict first, findings grouped by rule with what to do and their
+// evidence, the ledger per process, the checks the log could not support,
+// and the input.
+void printHuman(FILE* out, const Checker& checker, const InputStats& input,
+                const ReportOptions& options);
+void printJson(FILE* out, const Checker& checker, const InputStats& input,
+               const ReportOptions& options);
 
 }  // namespace logcheck

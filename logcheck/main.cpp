@@ -3,7 +3,6 @@
 // and names the host rule that a leak, a double destroy or an underflow
 // most likely broke.
 #include <errno.h>
-#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
 #include <stdio.h>
@@ -22,51 +21,58 @@ void onInterrupt(int) {
 }
 
 const char kUsage[] =
-        "usage: postproc-logcheck [-v FORMAT] [-B] [--json] [FILE...]\n"
-        "Rebuilds libpostprocinfo's ledger from a log (adb logcat's output) and reports\n"
-        "what its host broke: leaks, double destroys, references below zero.\n"
+        "usage: postproc-logcheck [-v FORMAT] [-B] [--json] [--all] [FILE...]\n"
+        "Rebuilds libpostprocinfo's ledger from a log and reports what its host broke:\n"
+        "leaks, double destroys, references below zero.\n"
         "\n"
-        "  -v, --format=FORMAT  threadtime, brief, time or long, with any modifiers\n"
-        "                       (default: recognised line by line)\n"
+        "  -v, --format=FORMAT  logcat's -v words: threadtime, brief, time, long, tag,\n"
+        "                       process, thread, with any modifiers (color, uid, year,\n"
+        "                       usec, nsec, zone, UTC, epoch, monotonic, printable,\n"
+        "                       descriptive); default: recognised line by line\n"
         "  -B, --binary         the input is adb logcat -B (default: recognised)\n"
         "      --json           one JSON object on standard output\n"
+        "      --all            every finding, also past a screenful\n"
         "  -h, --help           this text\n"
         "\n"
-        "Files are read one after another (\"-\" or none: standard input); line numbers\n"
-        "run on across them. Reading a pipe, findings are printed as they are found;\n"
-        "the summary follows at the end of input or on Ctrl-C.\n"
-        "Exit status: 0 no finding, 1 findings, 2 usage error or unreadable input.\n";
+        "A FILE is a log (adb logcat's output, -B's too), a bug report (its text, or\n"
+        "its .zip), or either gzipped; \"-\" or none is standard input. Files are read\n"
+        "one after another; line numbers run on across them. Reading a pipe, findings\n"
+        "are printed as they are found; the summary follows at the end of input or on\n"
+        "Ctrl-C.\n"
+        "Exit status: 0 clean, 1 findings, 2 usage error or unreadable input,\n"
+        "3 nothing checked (no line of the library's in the input).\n";
 
-int usageError(const char* reason) {
-    fprintf(stderr, "postproc-logcheck: %s\n%s", reason, kUsage);
+int usageError(const std::string& reason) {
+    fprintf(stderr, "postproc-logcheck: %s\n%s", reason.c_str(), kUsage);
     return 2;
 }
+
+struct Input {
+    const char* path;
+    uint64_t firstLine;  // the line numbers it holds
+    uint64_t lastLine;
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    static const option kOptions[] = {{"format", required_argument, nullptr, 'v'},
-                                      {"binary", no_argument, nullptr, 'B'},
-                                      {"json", no_argument, nullptr, 'j'},
-                                      {"help", no_argument, nullptr, 'h'},
-                                      {nullptr, 0, nullptr, 0}};
+    static const option kOptions[] = {
+            {"format", required_argument, nullptr, 'v'}, {"binary", no_argument, nullptr, 'B'},
+            {"json", no_argument, nullptr, 'j'},         {"all", no_argument, nullptr, 'a'},
+            {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
     logcheck::Format format = logcheck::Format::Auto;
+    logcheck::ReportOptions report;
     bool json = false;
     int option;
     while ((option = getopt_long(argc, argv, "v:Bh", kOptions, nullptr)) != -1) {
         switch (option) {
             case 'v': {
-                // logcat's modifiers (year, usec, UTC, zone, uid, epoch, ...)
-                // are recognised in the text; only the format names count.
                 logcheck::Format named;
-                if (logcheck::parseFormat(optarg, &named)) {
-                    format = named;
-                } else if (strchr(optarg, ',') == nullptr &&
-                           strstr("color usec nsec printable year zone UTC epoch monotonic uid "
-                                  "descriptive",
-                                  optarg) == nullptr) {
-                    return usageError((std::string("unknown format: ") + optarg).c_str());
+                if (!logcheck::parseFormat(optarg, &named)) {
+                    return usageError(std::string("unknown format: ") + optarg);
                 }
+                // logcat takes -v once per word: a format named before stays.
+                format = named != logcheck::Format::Auto ? named : format;
                 break;
             }
             case 'B':
@@ -75,6 +81,9 @@ int main(int argc, char** argv) {
             case 'j':
                 json = true;
                 break;
+            case 'a':
+                report.all = true;
+                break;
             case 'h':
                 fputs(kUsage, stdout);
                 return 0;
@@ -82,9 +91,12 @@ int main(int argc, char** argv) {
                 return usageError("unknown option");
         }
     }
-    std::vector<const char*> files(argv + optind, argv + argc);
-    if (files.empty()) {
-        files.push_back("-");
+    std::vector<Input> inputs;
+    for (int i = optind; i < argc; ++i) {
+        inputs.push_back({argv[i], 0, 0});
+    }
+    if (inputs.empty()) {
+        inputs.push_back({"-", 0, 0});
     }
 
     struct sigaction action = {};
@@ -92,7 +104,7 @@ int main(int argc, char** argv) {
     sigaction(SIGINT, &action, nullptr);
 
     struct stat status = {};
-    const bool live = !json && files.size() == 1 && strcmp(files[0], "-") == 0 &&
+    const bool live = !json && inputs.size() == 1 && strcmp(inputs[0].path, "-") == 0 &&
                       fstat(STDIN_FILENO, &status) == 0 && !S_ISREG(status.st_mode);
     logcheck::Checker checker([live](const logcheck::Finding& finding) {
         if (live) {
@@ -102,31 +114,49 @@ int main(int argc, char** argv) {
     });
     logcheck::InputStats stats;
     stats.format = format;
-    for (const char* file : files) {
-        const bool standardInput = strcmp(file, "-") == 0;
-        const int fd = standardInput ? STDIN_FILENO : open(file, O_RDONLY | O_CLOEXEC);
-        int error = fd < 0 ? errno : 0;
-        if (fd < 0 || !logcheck::readLog(fd, format, checker, stats, &error, &gInterrupted)) {
-            fprintf(stderr, "postproc-logcheck: %s: %s\n", standardInput ? "standard input" : file,
-                    error == ENOTSUP ? "binary input needs a build with liblog; read logcat's text"
-                                     : strerror(error));
+    for (Input& input : inputs) {
+        const bool standardInput = strcmp(input.path, "-") == 0;
+        const char* name = standardInput ? "standard input" : input.path;
+        int error = 0;
+        std::string reason;
+        std::unique_ptr<logcheck::Source> source = logcheck::openLog(input.path, &error, &reason);
+        input.firstLine = stats.lines + 1;
+        if (!source ||
+            !logcheck::readLog(*source, format, checker, stats, &reason, &gInterrupted)) {
+            fprintf(stderr, "postproc-logcheck: %s: %s\n", name,
+                    !reason.empty() ? reason.c_str() : strerror(error));
             return 2;
         }
-        if (!standardInput) {
-            close(fd);
-        }
+        input.lastLine = stats.lines;
     }
     stats.interrupted = gInterrupted != 0;
     checker.finish();
-    if (json) {
-        logcheck::printJson(stdout, checker, stats);
-    } else {
-        logcheck::printHuman(stdout, checker, stats);
-    }
-    for (const logcheck::Process& process : checker.processes()) {
-        if (!process.findings.empty()) {
-            return 1;
+
+    // The evidence lines' texts, from every input that can be read again.
+    std::map<uint64_t, std::string> texts;
+    const std::vector<uint64_t> cited = logcheck::citedLines(checker);
+    for (const Input& input : inputs) {
+        std::vector<uint64_t> own;
+        for (uint64_t line : cited) {
+            if (line >= input.firstLine && line <= input.lastLine) {
+                own.push_back(line - input.firstLine + 1);
+            }
+        }
+        int error = 0;
+        std::string reason;
+        std::unique_ptr<logcheck::Source> again;
+        if (!own.empty() && strcmp(input.path, "-") != 0 &&
+            (again = logcheck::openLog(input.path, &error, &reason))) {
+            for (auto& [line, text] : logcheck::evidenceLines(*again, own)) {
+                texts.emplace(line + input.firstLine - 1, std::move(text));
+            }
         }
     }
-    return 0;
+    report.texts = &texts;
+    if (json) {
+        logcheck::printJson(stdout, checker, stats, report);
+    } else {
+        logcheck::printHuman(stdout, checker, stats, report);
+    }
+    return logcheck::exitStatus(logcheck::verdict(checker));
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <errno.h>
 #include <inttypes.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -10,13 +10,48 @@ namespace logcheck {
 
 namespace {
 
-std::vector<Finding> sortedFindings(const Checker& checker) {
-    std::vector<Finding> all;
+// Findings past this many get a summary by rule first, and each rule shows
+// its first few unless every one is asked for.
+constexpr size_t kScreenful = 20;
+constexpr size_t kShownPerRule = 5;
+
+const char* ruleName(const Finding& f) {
+    return f.rule != nullptr ? f.rule : "(no rule)";
+}
+
+// All findings, grouped by rule: rules in the order of their most severe
+// finding, findings by kind, certain first, then where they are.
+std::vector<const Finding*> grouped(const Checker& checker) {
+    std::vector<const Finding*> all;
     for (const Process& process : checker.processes()) {
-        all.insert(all.end(), process.findings.begin(), process.findings.end());
+        for (const Finding& f : process.findings) {
+            all.push_back(&f);
+        }
     }
-    std::stable_sort(all.begin(), all.end(), [](const Finding& a, const Finding& b) {
-        return a.kind != b.kind ? a.kind < b.kind : a.certain > b.certain;
+    std::map<std::string, std::pair<Kind, uint64_t>> rank;  // rule: most severe, first line
+    for (const Finding* f : all) {
+        const uint64_t line = f->evidence.empty() ? 0 : f->evidence.front();
+        auto [it, fresh] = rank.try_emplace(ruleName(*f), f->kind, line);
+        if (!fresh) {
+            it->second = std::min(it->second, {f->kind, line});
+        }
+    }
+    std::stable_sort(all.begin(), all.end(), [&rank](const Finding* a, const Finding* b) {
+        const auto& ra = rank.at(ruleName(*a));
+        const auto& rb = rank.at(ruleName(*b));
+        if (ra != rb) {
+            return ra < rb;
+        }
+        if (strcmp(ruleName(*a), ruleName(*b)) != 0) {
+            return strcmp(ruleName(*a), ruleName(*b)) < 0;
+        }
+        if (a->kind != b->kind) {
+            return a->kind < b->kind;
+        }
+        if (a->certain != b->certain) {
+            return a->certain;
+        }
+        return a->evidence < b->evidence;
     });
     return all;
 }
@@ -47,7 +82,8 @@ std::vector<std::string> notChecked(const Checker& checker) {
     }
     if (!seen.threadIds) {
         missing.push_back(
-                "certain findings: no thread ids (brief and time have none; use -v threadtime)");
+                "lines that name no record are placed by guess: the format has no thread ids "
+                "(use -v threadtime)");
     }
     if (seen.metaInfo && !seen.traces) {
         missing.push_back(
@@ -57,15 +93,60 @@ std::vector<std::string> notChecked(const Checker& checker) {
     return missing;
 }
 
-void jsonString(FILE* out, const std::string& text) {
+// Why nothing was checked, as far as the input shows.
+std::string nothingReason(const InputStats& input) {
+    if (input.lines == 0) {
+        return "the input is empty";
+    }
+    if (input.rawLibraryLines != 0) {
+        return std::to_string(input.rawLibraryLines) +
+               " line(s) hold the library's messages without logcat's header (-v raw?): read "
+               "the log with -v threadtime";
+    }
+    if (input.format == Format::Binary) {
+        return "no KyCamAdapter entry in " + std::to_string(input.lines) + " binary entries";
+    }
+    if (input.bugReport) {
+        return "no KyCamAdapter line in the bug report's logs";
+    }
+    return "no KyCamAdapter line in " + std::to_string(input.lines) + " lines";
+}
+
+// A JSON string: control characters escaped, bytes that are not UTF-8
+// replaced by U+FFFD.
+void jsonString(FILE* out, std::string_view text) {
     fputc('"', out);
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            fprintf(out, "\\%c", c);
-        } else if (c < 0x20) {
-            fprintf(out, "\\u%04x", c);
+    for (size_t i = 0; i < text.size();) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c < 0x80) {
+            if (c == '"' || c == '\\') {
+                fprintf(out, "\\%c", c);
+            } else if (c < 0x20 || c == 0x7f) {
+                fprintf(out, "\\u%04x", c);
+            } else {
+                fputc(c, out);
+            }
+            ++i;
+            continue;
+        }
+        const size_t length = c >= 0xf0 && c <= 0xf4 ? 4 : c >= 0xe0 ? 3 : c >= 0xc2 ? 2 : 0;
+        bool valid = length != 0 && i + length <= text.size() && c <= 0xf4;
+        for (size_t k = 1; valid && k < length; ++k) {
+            valid = (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80;
+        }
+        if (valid && length == 3) {  // no overlong form, no surrogate
+            const unsigned char next = static_cast<unsigned char>(text[i + 1]);
+            valid = !(c == 0xe0 && next < 0xa0) && !(c == 0xed && next >= 0xa0);
+        } else if (valid && length == 4) {
+            const unsigned char next = static_cast<unsigned char>(text[i + 1]);
+            valid = !(c == 0xf0 && next < 0x90) && !(c == 0xf4 && next >= 0x90);
+        }
+        if (valid) {
+            fwrite(text.data() + i, 1, length, out);
+            i += length;
         } else {
-            fputc(c, out);
+            fputs("\\ufffd", out);
+            ++i;
         }
     }
     fputc('"', out);
@@ -89,79 +170,174 @@ const char* plural(size_t n, const char* one, const char* many) {
     return n == 1 ? one : many;
 }
 
+struct RuleSummary {
+    std::string rule;
+    size_t findings = 0;
+    size_t uncertain = 0;
+    std::vector<Kind> kinds;
+};
+
+std::vector<RuleSummary> byRule(const std::vector<const Finding*>& findings) {
+    std::vector<RuleSummary> rules;
+    for (const Finding* f : findings) {
+        if (rules.empty() || rules.back().rule != ruleName(*f)) {
+            rules.push_back({ruleName(*f), 0, 0, {}});
+        }
+        RuleSummary& r = rules.back();
+        ++r.findings;
+        r.uncertain += f->certain ? 0 : 1;
+        if (std::find(r.kinds.begin(), r.kinds.end(), f->kind) == r.kinds.end()) {
+            r.kinds.push_back(f->kind);
+        }
+    }
+    return rules;
+}
+
+void printEvidence(FILE* out, const Finding& f, const ReportOptions& options) {
+    for (uint64_t line : f.evidence) {
+        const auto text = options.texts != nullptr
+                                  ? options.texts->find(line)
+                                  : std::map<uint64_t, std::string>::const_iterator();
+        if (options.texts != nullptr && text != options.texts->end()) {
+            fprintf(out, "    %8" PRIu64 "  %s\n", line, text->second.c_str());
+        } else {
+            fprintf(out, "    %8" PRIu64 "\n", line);
+        }
+    }
+}
+
 }  // namespace
 
-bool readLog(int fd, Format format, Checker& checker, InputStats& stats, int* error,
-             const volatile sig_atomic_t* stop) {
-    Reader reader(fd);
-    Entry entry;
-    // Binary entries carry NUL bytes at once; logcat's text never does.
-    if (format == Format::Binary ||
-        (format == Format::Auto && reader.peek(64).find('\0') != std::string_view::npos)) {
-        if (!BinaryReader::available()) {
-            *error = ENOTSUP;
-            return false;
-        }
-        stats.format = Format::Binary;
-        BinaryReader binary(reader);
-        for (BinaryReader::Result result;
-             !*stop && (result = binary.next(&entry)) != BinaryReader::Result::End;) {
-            entry.line = ++stats.lines;
-            if (result == BinaryReader::Result::Entry) {
-                checker.add(entry);
-            } else {
-                ++stats.skipped;
-            }
-        }
-    } else {
-        TextParser parser(format);
-        std::string_view line;
-        bool cut = false;
-        while (!*stop && reader.line(&line, &cut)) {
-            const auto result =
-                    cut ? TextParser::Result::Skipped : parser.feed(line, ++stats.lines, &entry);
-            stats.lines += cut ? 1 : 0;
-            stats.markers += result == TextParser::Result::Marker ? 1 : 0;
-            stats.skipped += result == TextParser::Result::Skipped ? 1 : 0;
-            if (result == TextParser::Result::Entry) {
-                checker.add(entry);
-            }
-        }
-        stats.format = parser.seen() != Format::Auto ? parser.seen() : stats.format;
+Verdict verdict(const Checker& checker) {
+    if (checker.libraryLines() == 0) {
+        return Verdict::NothingChecked;
     }
-    *error = reader.error();
-    return *error == 0 || (*error == EINTR && *stop);
+    for (const Process& process : checker.processes()) {
+        if (!process.findings.empty()) {
+            return Verdict::Findings;
+        }
+    }
+    return Verdict::Clean;
+}
+
+int exitStatus(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::Clean:
+            return 0;
+        case Verdict::Findings:
+            return 1;
+        case Verdict::NothingChecked:
+            return 3;
+    }
+    return 1;
 }
 
 std::string describe(const Finding& f) {
-    char where[96];
-    snprintf(where, sizeof(where), " pid %d tid %d lines %" PRIu64 "-%" PRIu64, f.pid, f.tid,
-             f.firstLine, f.lastLine);
-    return std::string(kindName(f.kind)) + " " + pointer(f.object) + where +
+    char where[64];
+    snprintf(where, sizeof(where), " pid %d tid %d", f.pid, f.tid);
+    std::string lines;
+    for (uint64_t line : f.evidence) {
+        lines += (lines.empty() ? " line " : ",") + std::to_string(line);
+    }
+    return std::string(kindName(f.kind)) + " " + pointer(f.object) + where + lines +
+           (f.boot != 0 ? " (boot -" + std::to_string(f.boot) + ")" : "") +
            (f.rule != nullptr ? std::string(" rule ") + f.rule : "") +
            (f.certain ? "" : " (uncertain)") + (f.processEnded ? " (process ended)" : "") +
            (f.detail.empty() ? "" : ": " + f.detail);
 }
 
-void printHuman(FILE* out, const Checker& checker, const InputStats& input) {
-    const std::vector<Finding> findings = sortedFindings(checker);
+std::vector<uint64_t> citedLines(const Checker& checker) {
+    std::vector<uint64_t> lines;
+    for (const Process& process : checker.processes()) {
+        for (const Finding& f : process.findings) {
+            lines.insert(lines.end(), f.evidence.begin(), f.evidence.end());
+        }
+    }
+    std::sort(lines.begin(), lines.end());
+    lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
+    return lines;
+}
+
+void printHuman(FILE* out, const Checker& checker, const InputStats& input,
+                const ReportOptions& options) {
+    const std::vector<const Finding*> findings = grouped(checker);
+    const std::vector<RuleSummary> rules = byRule(findings);
     const size_t processes = checker.processes().size();
     const size_t uncertain = static_cast<size_t>(std::count_if(
-            findings.begin(), findings.end(), [](const Finding& f) { return !f.certain; }));
-    if (findings.empty()) {
-        fprintf(out, "postproc-logcheck: no finding in %zu %s\n", processes,
-                plural(processes, "process", "processes"));
-    } else {
-        fprintf(out, "postproc-logcheck: %zu %s (%zu uncertain) in %zu %s\n", findings.size(),
-                plural(findings.size(), "finding", "findings"), uncertain, processes,
-                plural(processes, "process", "processes"));
+            findings.begin(), findings.end(), [](const Finding* f) { return !f->certain; }));
+    switch (verdict(checker)) {
+        case Verdict::NothingChecked:
+            fprintf(out, "postproc-logcheck: nothing checked: %s\n", nothingReason(input).c_str());
+            break;
+        case Verdict::Clean:
+            fprintf(out, "postproc-logcheck: clean: %" PRIu64 " library %s in %zu %s, no finding\n",
+                    checker.libraryLines(), plural(checker.libraryLines(), "line", "lines"),
+                    processes, plural(processes, "process", "processes"));
+            break;
+        case Verdict::Findings: {
+            std::string kinds;
+            for (int k = 0; k <= static_cast<int>(Kind::LinesLost); ++k) {
+                const size_t n = static_cast<size_t>(std::count_if(
+                        findings.begin(), findings.end(),
+                        [k](const Finding* f) { return static_cast<int>(f->kind) == k; }));
+                if (n != 0) {
+                    kinds += (kinds.empty() ? ": " : ", ") + std::to_string(n) + " " +
+                             kindName(static_cast<Kind>(k));
+                }
+            }
+            fprintf(out, "postproc-logcheck: %zu %s (%zu uncertain) in %zu %s%s\n", findings.size(),
+                    plural(findings.size(), "finding", "findings"), uncertain, processes,
+                    plural(processes, "process", "processes"), kinds.c_str());
+            break;
+        }
     }
-    if (checker.libraryLines() == 0) {
-        fprintf(out, "no KyCamAdapter line: nothing was checked\n");
+    const bool long_ = findings.size() > kScreenful;
+    if (long_) {
+        fprintf(out, "\nby rule:\n  %-26s %9s %9s  %s\n", "rule", "findings", "uncertain", "kinds");
+        for (const RuleSummary& r : rules) {
+            std::string kinds;
+            for (Kind k : r.kinds) {
+                kinds += (kinds.empty() ? "" : ", ") + std::string(kindName(k));
+            }
+            fprintf(out, "  %-26s %9zu %9zu  %s\n", r.rule.c_str(), r.findings, r.uncertain,
+                    kinds.c_str());
+        }
+    }
+    size_t shown = 0;
+    for (size_t i = 0; i < findings.size(); ++i) {
+        const Finding& f = *findings[i];
+        const bool first = i == 0 || ruleName(*findings[i - 1]) != std::string(ruleName(f));
+        if (first) {
+            const RuleSummary& r = *std::find_if(rules.begin(), rules.end(), [&f](const auto& r) {
+                return r.rule == ruleName(f);
+            });
+            fprintf(out, "\n%s: %zu %s\n", r.rule.c_str(), r.findings,
+                    plural(r.findings, "finding", "findings"));
+            const char* what = advice(f.rule);
+            fprintf(out, "  what to do: %s\n",
+                    what != nullptr ? what
+                                    : "lines are missing from the log: keep logd from dropping "
+                                      "them (adb logcat -G 16M, logcat -P '') and check again");
+            shown = 0;
+        }
+        if (!options.all && long_ && shown == kShownPerRule) {
+            const size_t more = static_cast<size_t>(std::count_if(
+                    findings.begin() + static_cast<long>(i), findings.end(),
+                    [&f](const Finding* g) { return strcmp(ruleName(*g), ruleName(f)) == 0; }));
+            fprintf(out, "  ... and %zu more (--all, or --json for every one)\n", more);
+            i += more - 1;
+            continue;
+        }
+        ++shown;
+        fprintf(out, "  %s %s pid %d%s%s%s: %s\n", kindName(f.kind), pointer(f.object).c_str(),
+                f.pid, f.boot != 0 ? " (the boot before)" : "", f.certain ? "" : " (uncertain)",
+                f.processEnded ? " (process ended)" : "", f.detail.c_str());
+        printEvidence(out, f, options);
     }
     for (const Process& p : checker.processes()) {
-        fprintf(out, "\npid %d, lines %" PRIu64 "-%" PRIu64 "%s, %zu %s\n", p.pid, p.firstLine,
-                p.lastLine, p.ended ? ", process ended" : "", p.findings.size(),
+        fprintf(out, "\npid %d%s, lines %" PRIu64 "-%" PRIu64 "%s, %zu %s\n", p.pid,
+                p.boot != 0 ? " (the boot before)" : "", p.firstLine, p.lastLine,
+                p.ended ? ", process ended" : "", p.findings.size(),
                 plural(p.findings.size(), "finding", "findings"));
         fprintf(out, "  %-12s %8s %8s %8s %8s\n", "family", "created", "before", "ended", "alive");
         const std::pair<const char*, const Count*> rows[] = {{"records", &p.totals.records},
@@ -172,46 +348,78 @@ void printHuman(FILE* out, const Checker& checker, const InputStats& input) {
                     c->created, c->before, c->ended, c->alive());
         }
     }
-    if (!findings.empty()) {
-        fprintf(out, "\nfindings, most severe first:\n");
-        for (const Finding& finding : findings) {
-            fprintf(out, "  %s\n", describe(finding).c_str());
-        }
-    }
     const std::vector<std::string> missing = notChecked(checker);
-    if (!missing.empty()) {
+    if (!missing.empty() || !checker.caveats().empty()) {
         fprintf(out, "\nnot checked:\n");
         for (const std::string& reason : missing) {
             fprintf(out, "  %s\n", reason.c_str());
         }
-        fprintf(out,
-                "for every check: gKyCamLogLevel 2 or less, gKyCamLogGroup with 64 and 128 "
-                "(0xc0); gKyCamDebugMask does not matter (it feeds the framework's own log)\n");
+        for (const Caveat& caveat : checker.caveats()) {
+            fprintf(out, "  %s\n", caveat.text.c_str());
+        }
+        if (!missing.empty()) {
+            fprintf(out,
+                    "for every check: gKyCamLogLevel 2 or less, gKyCamLogGroup with 64 and 128 "
+                    "(0xc0); gKyCamDebugMask does not matter (it feeds the framework's own log)\n");
+        }
     }
     fprintf(out,
-            "\ninput: %" PRIu64 " %s (%s), %" PRIu64 " of KyCamAdapter (%" PRIu64
+            "\ninput: %" PRIu64 " %s (%s%s), %" PRIu64 " of KyCamAdapter (%" PRIu64
             " without a ledger event), %" PRIu64 " of other tags, %" PRIu64 " markers, %" PRIu64
-            " skipped%s\n",
+            " skipped%s%s\n",
             input.lines, input.format == Format::Binary ? "entries" : "lines",
-            formatName(input.format), checker.libraryLines(), checker.unknownLines(),
-            checker.otherLines(), input.markers, input.skipped,
+            formatName(input.format), input.bugReport ? ", bug report" : "", checker.libraryLines(),
+            checker.unknownLines(), checker.otherLines(), input.markers, input.skipped,
+            input.bugReport ? (", " + std::to_string(input.outside) + " outside its logs").c_str()
+                            : "",
             input.interrupted ? "; interrupted" : "");
 }
 
-void printJson(FILE* out, const Checker& checker, const InputStats& input) {
-    const std::vector<Finding> findings = sortedFindings(checker);
-    fprintf(out, "{\"verdict\": \"%s\", \"findings\": [", findings.empty() ? "clean" : "findings");
-    for (const Finding& f : findings) {
+void printJson(FILE* out, const Checker& checker, const InputStats& input,
+               const ReportOptions& options) {
+    const std::vector<const Finding*> findings = grouped(checker);
+    static const char* const kVerdicts[] = {"clean", "findings", "nothing-checked"};
+    const Verdict v = verdict(checker);
+    fprintf(out, "{\"verdict\": \"%s\", ", kVerdicts[static_cast<int>(v)]);
+    if (v == Verdict::NothingChecked) {
+        fputs("\"reason\": ", out);
+        jsonString(out, nothingReason(input));
+        fputs(", ", out);
+    }
+    fputs("\"findings\": [", out);
+    for (const Finding* f : findings) {
         fprintf(out,
-                "%s{\"kind\": \"%s\", \"object\": \"%s\", \"pid\": %d, \"tid\": %d, "
-                "\"first_line\": %" PRIu64 ", \"last_line\": %" PRIu64 ", \"rule\": ",
-                &f == &findings[0] ? "" : ", ", kindName(f.kind), pointer(f.object).c_str(), f.pid,
-                f.tid, f.firstLine, f.lastLine);
-        f.rule != nullptr ? jsonString(out, f.rule) : (void)fputs("null", out);
+                "%s{\"kind\": \"%s\", \"object\": \"%s\", \"pid\": %d, \"tid\": %d, \"boot\": %d, "
+                "\"first_line\": %" PRIu64 ", \"last_line\": %" PRIu64 ", \"evidence\": [",
+                f == findings[0] ? "" : ", ", kindName(f->kind), pointer(f->object).c_str(), f->pid,
+                f->tid, f->boot, f->evidence.empty() ? 0 : f->evidence.front(),
+                f->evidence.empty() ? 0 : f->evidence.back());
+        for (uint64_t line : f->evidence) {
+            fprintf(out, "%s{\"line\": %" PRIu64, line == f->evidence[0] ? "" : ", ", line);
+            const auto text = options.texts != nullptr
+                                      ? options.texts->find(line)
+                                      : std::map<uint64_t, std::string>::const_iterator();
+            if (options.texts != nullptr && text != options.texts->end()) {
+                fputs(", \"text\": ", out);
+                jsonString(out, text->second);
+            }
+            fputc('}', out);
+        }
+        fputs("], \"rule\": ", out);
+        f->rule != nullptr ? jsonString(out, f->rule) : (void)fputs("null", out);
+        fputs(", \"advice\": ", out);
+        advice(f->rule) != nullptr ? jsonString(out, advice(f->rule)) : (void)fputs("null", out);
         fprintf(out, ", \"certain\": %s, \"process_ended\": %s, \"detail\": ",
-                f.certain ? "true" : "false", f.processEnded ? "true" : "false");
-        jsonString(out, f.detail);
+                f->certain ? "true" : "false", f->processEnded ? "true" : "false");
+        jsonString(out, f->detail);
         fputc('}', out);
+    }
+    fputs("], \"by_rule\": [", out);
+    const std::vector<RuleSummary> rules = byRule(findings);
+    for (const RuleSummary& r : rules) {
+        fputs(&r == &rules[0] ? "{\"rule\": " : ", {\"rule\": ", out);
+        r.rule == ruleName(Finding{}) ? (void)fputs("null", out) : jsonString(out, r.rule);
+        fprintf(out, ", \"findings\": %zu, \"uncertain\": %zu}", r.findings, r.uncertain);
     }
     Totals totals;
     for (const Process& process : checker.processes()) {
@@ -222,26 +430,33 @@ void printJson(FILE* out, const Checker& checker, const InputStats& input) {
     fprintf(out, ", \"processes\": [");
     for (const Process& p : checker.processes()) {
         fprintf(out,
-                "%s{\"pid\": %d, \"ended\": %s, \"first_line\": %" PRIu64
+                "%s{\"pid\": %d, \"boot\": %d, \"ended\": %s, \"first_line\": %" PRIu64
                 ", \"last_line\": %" PRIu64 ", \"findings\": %zu, \"totals\": ",
-                &p == &checker.processes()[0] ? "" : ", ", p.pid, p.ended ? "true" : "false",
-                p.firstLine, p.lastLine, p.findings.size());
+                &p == &checker.processes()[0] ? "" : ", ", p.pid, p.boot,
+                p.ended ? "true" : "false", p.firstLine, p.lastLine, p.findings.size());
         jsonTotals(out, p.totals);
         fputc('}', out);
     }
     fprintf(out, "], \"not_checked\": [");
-    const std::vector<std::string> missing = notChecked(checker);
+    std::vector<std::string> missing = notChecked(checker);
+    for (const Caveat& caveat : checker.caveats()) {
+        missing.push_back(caveat.text);
+    }
+    if (v == Verdict::NothingChecked) {
+        missing.push_back("every check: " + nothingReason(input));
+    }
     for (const std::string& reason : missing) {
         fputs(&reason == &missing[0] ? "" : ", ", out);
         jsonString(out, reason);
     }
     fprintf(out,
-            "], \"input\": {\"format\": \"%s\", \"lines\": %" PRIu64 ", \"library_lines\": %" PRIu64
-            ", \"unknown_library_lines\": %" PRIu64 ", \"other_lines\": %" PRIu64
-            ", \"markers\": %" PRIu64 ", \"skipped\": %" PRIu64 ", \"interrupted\": %s}}\n",
-            formatName(input.format), input.lines, checker.libraryLines(), checker.unknownLines(),
-            checker.otherLines(), input.markers, input.skipped,
-            input.interrupted ? "true" : "false");
+            "], \"input\": {\"format\": \"%s\", \"bug_report\": %s, \"lines\": %" PRIu64
+            ", \"library_lines\": %" PRIu64 ", \"unknown_library_lines\": %" PRIu64
+            ", \"other_lines\": %" PRIu64 ", \"markers\": %" PRIu64 ", \"skipped\": %" PRIu64
+            ", \"outside_logs\": %" PRIu64 ", \"interrupted\": %s}}\n",
+            formatName(input.format), input.bugReport ? "true" : "false", input.lines,
+            checker.libraryLines(), checker.unknownLines(), checker.otherLines(), input.markers,
+            input.skipped, input.outside, input.interrupted ? "true" : "false");
 }
 
 }  // namespace logcheck

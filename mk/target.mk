@@ -5,8 +5,10 @@
 
 # The cross compiler and the arm64 builds of what the library links.
 CROSS_PACKAGES := cmake make g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6:arm64 \
-	android-liblog-dev:arm64 android-libcutils-dev:arm64 android-libbase-dev:arm64
-AARCH64_PACKAGES := $(CROSS_PACKAGES) libgtest-dev:arm64 libgmock-dev:arm64 qemu-user
+	android-liblog-dev:arm64 android-libcutils-dev:arm64 android-libbase-dev:arm64 \
+	android-libziparchive-dev:arm64 zlib1g-dev:arm64
+AARCH64_PACKAGES := $(CROSS_PACKAGES) libgtest-dev:arm64 libgmock-dev:arm64 nlohmann-json3-dev \
+	qemu-user
 BP_PACKAGES := make gcc g++ dpkg-dev python3 blueprint-tools mini-soong \
 	android-liblog-dev android-libcutils-dev android-libbase-dev
 ABI_PACKAGES := $(CROSS_PACKAGES) abigail-tools

@@ -1,377 +1,365 @@
 // SPDX-License-Identifier: Apache-2.0
-// The log checker against the simulation's ledger: the library's own lines,
-// written as logcat writes them, rebuild the books the simulation kept, and
-// each host rule broken on purpose comes back as exactly the finding
-// expected, on the object expected.
-#include <logcheck.h>
-#include <sim/iqbm.h>
+// The log checker on the logs phones produce: every logcat form, colour and
+// stray blanks, bug reports and their zips, logd's chatty lines, processes
+// that die and come back under the same pid, lines longer than any buffer,
+// a log cut inside a destructor, lines lost; and the program as people and
+// scripts run it. The random sessions are logcheck_model_test's.
 #include <sim/logcat.h>
+#include <sim/session.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <ziparchive/zip_writer.h>
+#include <zlib.h>
+#include <nlohmann/json.hpp>
 
-#include <functional>
-#include <thread>
-
+#include "support/logcheck_support.h"
 #include "support/sim_test.h"
 
 using adapter::QcomPostProcInfo;
-using logcheck::Kind;
-using Lines = std::vector<sim::kycam::LogLine>;
-using namespace testsupport;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using testsupport::check;
+using testsupport::Checked;
+using testsupport::counts;
+using testsupport::hex;
 
 namespace {
 
-// A finding as the tests name it: kind, object, rule, certainty, process.
-std::string finding(Kind kind, const void* object, const char* rule, bool certain = true,
-                    int32_t pid = 1234, bool ended = false) {
-    char text[160];
-    snprintf(text, sizeof(text), "%s %p %s%s pid %d%s", logcheck::kindName(kind), object,
-             rule != nullptr ? rule : "-", certain ? "" : " uncertain", pid, ended ? " ended" : "");
-    return text;
+// A threadtime line of the library's, or of another tag.
+std::string lib(int pid, int tid, char priority, const std::string& function,
+                const std::string& message) {
+    char head[64];
+    snprintf(head, sizeof(head), "11-23 10:00:00.000 %5d %5d %c KyCamAdapter: ", pid, tid,
+             priority);
+    return head + std::string("KYA_RECORD QcomPostProcInfo.cpp:1 ") + function + "()" + message +
+           "\n";
 }
 
-std::string counts(const logcheck::Count& count) {
-    return std::to_string(count.created) + " " + std::to_string(count.before) + " " +
-           std::to_string(count.ended);
+std::string other(int pid, int tid, char priority, const char* tag, const std::string& message) {
+    char head[64];
+    snprintf(head, sizeof(head), "11-23 10:00:00.000 %5d %5d %c %-8s: ", pid, tid, priority, tag);
+    return head + message + "\n";
 }
 
-struct Checked {
-    std::vector<std::string> findings;  // sorted
-    logcheck::Totals totals;
-    size_t processes = 0;
-    logcheck::InputStats stats;
-    logcheck::Seen seen;
-};
-
-// The log through the checker, from a file as the tool reads it.
-Checked check(const std::string& log) {
-    FILE* file = tmpfile();
-    fwrite(log.data(), 1, log.size(), file);
-    fflush(file);
-    lseek(fileno(file), 0, SEEK_SET);
-    logcheck::Checker checker;
-    Checked checked;
-    int error = 0;
-    const volatile sig_atomic_t stop = 0;
-    logcheck::readLog(fileno(file), logcheck::Format::Auto, checker, checked.stats, &error, &stop);
-    fclose(file);
-    checker.finish();
-    checked.seen = checker.seen();
-    for (const logcheck::Process& process : checker.processes()) {
-        ++checked.processes;
-        checked.totals += process.totals;
-        for (const logcheck::Finding& f : process.findings) {
-            checked.findings.push_back(finding(f.kind, reinterpret_cast<const void*>(f.object),
-                                               f.rule, f.certain, f.pid, f.processEnded));
-        }
-    }
-    std::sort(checked.findings.begin(), checked.findings.end());
-    return checked;
+std::string construct(int pid, int tid, const char* record, int sum) {
+    return lib(pid, tid, 'D', "QcomPostProcInfo",
+               std::string("Construct QcomPostProcInfo ") + record + ", after sum " +
+                       std::to_string(sum));
 }
 
-std::string log(const Lines& lines, const char* format = "threadtime") {
-    return sim::logcat::write(lines, format);
+std::string destruct(int pid, int tid, const char* record, int sum) {
+    return lib(pid, tid, 'D', "~QcomPostProcInfo",
+               std::string("Destruct  QcomPostProcInfo ") + record + ", before sum " +
+                       std::to_string(sum));
 }
 
-char gBuffers[8][64];
-std::set<std::string> gTwo = {"0", "1"};
-adapter::PostProcInfoMetaAttributes gNone = {};
-
-adapter::DebugData buffer(int i) {
-    return {64, gBuffers[i % 8]};
+// A record made on one thread and ended on another, with a debug buffer the
+// manager referenced; and one never ended.
+std::string leakingProcess(int pid) {
+    return construct(pid, pid + 10, "0xaaaa", 1) +
+           lib(pid, pid + 10, 'D', "addDebugDataAndRef",
+               "PostProcsInfo 0xaaaa add DebugDataPtr 0xd0001 ref 1") +
+           lib(pid, pid + 10, 'D', "keep3aDebugData",
+               "[Offline DebugData] PostProcsInfo 0xaaaa add phycamId 0 3adebugData pData:0xd0001 "
+               "after add ref is 1") +
+           construct(pid, pid + 10, "0xbbbb", 2) + destruct(pid, pid + 20, "0xaaaa", 2) +
+           lib(pid, pid + 20, 'D', "~QcomPostProcInfo",
+               "[Offline DebugData] PostProcsInfo 0xaaaa mEnableIQBM 1 destruct debugData "
+               "pData:0xd0001 after dec ref is 0");
 }
 
-// A request kept by every host rule: private results attached and filled
-// (the HAL's own object for camera 1), debug data, a deep clone with its own
-// references, a shallow clone that lets go, an offline step that exports and
-// imports, a reset. Four records.
-void session() {
-    auto record = std::make_unique<QcomPostProcInfo>();
-    adapter::PostProcInfoMetaAttributes attributes = {0, 1, 0, 0};
-    record->createPrivResultMeta(gTwo, true, attributes);
-    camera3_capture_request request = {};
-    record->setHalRequestPrivResultMeta(&request);
-    // The HAL references what it is handed; camera 1's object it replaces.
-    sim::hal::reference(request);
-    void* own = sim::hal::newMeta(true);
-    Result result(7, request.priv_result, {{"0", request.priv_physcam_result[0]}, {"1", own}});
-    record->checkAndUpdatePrivResult(result.get());
-    for (void* meta : {request.priv_result, request.priv_physcam_result[0], own}) {
-        unref(meta);  // the pipeline is done with them
-    }
-    adapter::DebugData aec = buffer(0);
-    record->keep3aDebugData(0, &aec, false);
-    record->keep3aDebugData(1, &aec, false);
-    adapter::DebugDataTuningMetaArray tuning = {2, {buffer(1), buffer(2)}};
-    record->keepTuningDDArray(1, &tuning, false);
-    record->clone(true).reset();
-    std::shared_ptr<PostProcInfo> shallow = record->shallowClone(false);
-    shallow->releaseTuningMetaBufs(false);
-    shallow.reset();
-    auto offline = std::make_unique<QcomPostProcInfo>();
-    std::shared_ptr<kycam::TuningParamsBase> params = offline->createTuningParams();
-    params->mTransAllMetas = true;
-    record->getTuningMetaBufs(*params, nullptr, false);
-    for (auto& entry : params->mTuningMetas) {
-        free_camera_metadata(entry.second);
-    }
-    params->mTuningMetas.clear();
-    params->mDebug3ABuffers = {{0, {128, malloc(128)}}};
-    offline->mSupportPrivMeta = true;
-    offline->mPhyCamIdSet = gTwo;
-    offline->createTuningMetaBufs();
-    offline->setTuningMetaBufs(*params);
-    offline.reset();
-    record->reset();
+// A record made and ended, with the count of records alive once it is made.
+std::string cleanProcess(int pid, int sum = 1) {
+    return construct(pid, pid + 10, "0xcccc", sum) + destruct(pid, pid + 20, "0xcccc", sum);
 }
 
-class LogcheckTest : public SimTest {
+class LogcheckTest : public testsupport::SimTest {
   protected:
     void SetUp() override {
         SimTest::SetUp();
-        sim::iqbm::clearBuffers();
-        // Every line reaches logcat, the reference traces included.
-        sim::kycam::setLogConfig(0, KYA_LOG_GROUP_META | KYA_LOG_GROUP_POSTPROC, 0);
+        sim::kycam::setLogConfig(0, 64 | 128, 0);
     }
     void TearDown() override {
         leftovers.clear();
         SimTest::TearDown();
     }
-    // The simulation's books: objects createChiMeta made (its one tag), and
-    // the HAL's that the library ended.
-    static std::string chiBooks() {
-        size_t created = 0;
-        for (void* meta : sim::chi::objects()) {
-            sim::chi::MetaState state;
-            sim::chi::state(meta, &state);
-            created += state.args.tagCount == 1;
+    // One record never destroyed, among others made and ended.
+    std::vector<sim::kycam::LogLine> leakingSession() {
+        adapter::PostProcInfoMetaAttributes none = {};
+        std::set<std::string> ids = {"0", "1"};
+        for (int i = 0; i < 2; ++i) {
+            auto record = std::make_unique<QcomPostProcInfo>();
+            record->createPrivResultMeta(ids, true, none);
+            leftovers.push_back(std::move(record));
         }
-        const size_t destroyed = sim::count("Destroy");
-        EXPECT_EQ(sim::chi::totals().alive, 0u);
-        return std::to_string(created) + " " + std::to_string(destroyed - created) + " " +
-               std::to_string(destroyed);
+        leftovers.erase(leftovers.begin());
+        return sim::logcat::androidLines();
     }
-
-  public:
-    // Records a scenario leaves alive until the log was checked.
     std::vector<std::unique_ptr<QcomPostProcInfo>> leftovers;
 };
 
-TEST_F(LogcheckTest, EveryFormatRebuildsTheSimulationsBooks) {
-    session();
-    ASSERT_THAT(sim::misuses(), IsEmpty());
-    const Lines lines = sim::logcat::androidLines();
-    // Other tags, a marker, carriage returns and garbled lines are skipped.
-    const std::string threadtime = log(lines);
-    std::string noisy = "--------- beginning of main\r\n";
-    size_t garbled = 0;
-    for (size_t at = 0, end; (end = threadtime.find('\n', at)) != std::string::npos; at = end + 1) {
-        noisy += threadtime.substr(at, end - at) + "\r\n";
-        if (at % 5 == 0) {
-            noisy += "11-14 22:13:20.123  1234  1301 I CameraProvider: frame 12\n" +
-                     threadtime.substr(at, 20) + "\n\x01\x7f garbage\n. \n";
-            garbled += 3;
-        }
-    }
-    for (const char* format : {"threadtime", "threadtime,year,usec", "threadtime,UTC,zone",
-                               "threadtime,uid", "threadtime,epoch", "brief", "brief,uid",
-                               "time,usec,zone", "long", "long,uid,monotonic", "binary", "noisy"}) {
+TEST_F(LogcheckTest, EveryLogcatFormatAndModifierIsRead) {
+    const std::vector<sim::kycam::LogLine> lines = leakingSession();
+    const std::string leak = "record-leak " + hex(leftovers[0].get()) + " record-lifetime";
+    const struct {
+        const char* format;
+        bool threads;
+    } kFormats[] = {{"threadtime", true},
+                    {"threadtime,color", true},
+                    {"threadtime,uid,year,zone", true},
+                    {"threadtime,nsec,printable", true},
+                    {"threadtime,epoch,UTC", true},
+                    {"threadtime,monotonic,descriptive", true},
+                    {"long,usec,uid", true},
+                    {"long,color", true},
+                    {"thread", true},
+                    {"thread,uid,color", true},
+                    {"binary", true},
+                    {"brief,color", false},
+                    {"time,year,uid", false},
+                    {"tag", false},
+                    {"tag,color", false},
+                    {"process", false},
+                    {"process,uid,color", false}};
+    for (const auto& [format, threads] : kFormats) {
         SCOPED_TRACE(format);
-        const bool isNoisy = strcmp(format, "noisy") == 0;
-        const Checked checked = check(isNoisy ? noisy : log(lines, format));
-        EXPECT_THAT(checked.findings, IsEmpty());
-        EXPECT_EQ(checked.stats.skipped, isNoisy ? garbled : 0u);
-        EXPECT_EQ(checked.stats.markers, isNoisy ? 1u : 0u);
-        EXPECT_EQ(counts(checked.totals.records), "4 0 4");
-        EXPECT_EQ(counts(checked.totals.chiMetas), chiBooks());
-        // aec, the two tuning buffers and the one the import adopted.
-        EXPECT_EQ(counts(checked.totals.debugData), "4 0 4");
-        EXPECT_TRUE(checked.seen.lifetime && checked.seen.metaInfo && checked.seen.metaDebug &&
-                    checked.seen.traces);
-        EXPECT_EQ(checked.seen.threadIds,
-                  strncmp(format, "brief", 5) && strncmp(format, "time", 4));
+        const Checked got = check(sim::logcat::write(lines, format));
+        // A record names itself: no thread is needed to find it.
+        EXPECT_THAT(got.texts, ElementsAre(leak));
+        EXPECT_EQ(counts(got.totals.records), "2 0 1");
+        EXPECT_EQ(got.seen.threadIds, threads);
+    }
+    // -v raw keeps the messages but not the tag: nothing can be checked.
+    const Checked raw = check(sim::logcat::write(lines, "raw"));
+    EXPECT_EQ(raw.verdict, logcheck::Verdict::NothingChecked);
+    EXPECT_EQ(raw.stats.rawLibraryLines, lines.size());
+}
+
+TEST_F(LogcheckTest, ColourBlanksAndCarriageReturnsAroundALineAreTakenOff) {
+    const std::string line = construct(1234, 1300, "0xaaaa", 1);
+    const std::string bare = line.substr(0, line.size() - 1);
+    for (const std::string& variant :
+         {"\x1b[38;5;75m" + bare + "\x1b[0m\n", "\x1b[34m" + bare + "\x1b[0m \r\n", bare + " \n",
+          bare + "\t\n", bare + "\r\r\n", bare}) {
+        SCOPED_TRACE(variant);
+        EXPECT_THAT(check(variant).texts, ElementsAre("record-leak 0xaaaa record-lifetime"));
     }
 }
 
-TEST_F(LogcheckTest, RecordsOnManyThreadsBalanceWhereThreadIdsShow) {
-    std::vector<std::thread> workers;
-    for (int t = 0; t < 4; ++t) {
-        workers.emplace_back([t] {
-            for (int i = 0; i < 150; ++i) {
-                auto record = std::make_unique<QcomPostProcInfo>();
-                if (i % 2 == 0) {
-                    record->createPrivResultMeta(gTwo, true, gNone);
-                }
-                adapter::DebugData data = buffer(t + i);
-                record->keep3aDebugData(t, &data, false);
-                if (i % 4 == 1) {
-                    record->reset();
-                }
-                record->clone(true).reset();
-            }
-        });
-    }
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
-    const Checked checked = check(log(sim::logcat::androidLines()));
-    EXPECT_THAT(checked.findings, IsEmpty());
-    EXPECT_EQ(counts(checked.totals.records), "1200 0 1200");
-    EXPECT_EQ(counts(checked.totals.chiMetas), chiBooks());
-    EXPECT_EQ(checked.totals.debugData.alive(), 0u);
-    // brief has no thread ids: the interleaved lines cannot be told apart,
-    // and nothing found in them is certain.
-    const Checked brief = check(log(sim::logcat::androidLines(), "brief"));
-    EXPECT_FALSE(brief.seen.threadIds);
-    EXPECT_THAT(brief.findings, ::testing::Each(::testing::HasSubstr(" uncertain ")));
+TEST_F(LogcheckTest, ARecordAtTheAddressOfAnEndedOneIsANewOne) {
+    // Made on one thread, ended on another, made again at once at the same
+    // address on a third, which keeps a buffer that the second thread gives
+    // back at the end.
+    const std::string log =
+            construct(2101, 2111, "0xaaaa", 1) + destruct(2101, 2121, "0xaaaa", 1) +
+            construct(2101, 2113, "0xaaaa", 1) +
+            lib(2101, 2113, 'D', "addDebugDataAndRef",
+                "PostProcsInfo 0xaaaa add DebugDataPtr 0xd0001 ref 1") +
+            lib(2101, 2113, 'D', "keep3aDebugData",
+                "[Offline DebugData] PostProcsInfo 0xaaaa add phycamId 0 3adebugData pData:0xd0001 "
+                "after add ref is 1") +
+            destruct(2101, 2121, "0xaaaa", 1) +
+            lib(2101, 2121, 'D', "~QcomPostProcInfo",
+                "[Offline DebugData] PostProcsInfo 0xaaaa mEnableIQBM 1 destruct debugData "
+                "pData:0xd0001 after dec ref is 0");
+    const Checked got = check(log);
+    EXPECT_THAT(got.texts, IsEmpty());
+    EXPECT_EQ(counts(got.totals.records), "2 0 2");
+    EXPECT_EQ(counts(got.totals.debugData), "1 0 1");
 }
 
-TEST_F(LogcheckTest, EachBrokenRuleIsNamedOnItsObject) {
-    using Expected = std::vector<std::string>;
-    using Record = std::unique_ptr<QcomPostProcInfo>;
-    const std::function<Expected(Record&, LogcheckTest&)> seeded[] = {
-            [](Record& record, LogcheckTest& test) -> Expected {
-                // A record never destroyed, holding what it made.
-                record->createPrivResultMeta(gTwo, true, gNone);
-                adapter::DebugData data = buffer(0);
-                record->keep3aDebugData(0, &data, false);
-                test.leftovers.push_back(std::move(record));
-                return {finding(Kind::RecordLeak, test.leftovers[0].get(), "record-lifetime")};
-            },
-            [](Record& record, LogcheckTest&) -> Expected {
-                // Camera 1 becomes 3 in a rebuild that keeps camera 0's object:
-                // held and parked, it is ended by reset() and again at the end.
-                record->createPrivResultMeta(gTwo, true, gNone);
-                camera3_capture_request request = {};
-                record->setHalRequestPrivResultMeta(&request);
-                sim::hal::reference(request);
-                void* kept = record->mPrivPhyResultMap.at(0);
-                Result result(1, request.priv_result,
-                              {{"0", kept}, {"3", sim::hal::newMeta(true)}});
-                record->checkAndUpdatePrivResult(result.get());
-                record->reset();
-                return {finding(Kind::ChiMetaDoubleDestroy, kept, "held-and-parked")};
-            },
-            [](Record& record, LogcheckTest&) -> Expected {
-                // Debug data handed over to nobody.
-                adapter::DebugData data = buffer(3);
-                record->keep3aDebugData(0, &data, false);
-                record->releaseTuningMetaBufs(true);
-                return {finding(Kind::DebugDataLeak, data.pData, "release-hands-over")};
-            },
-            [](Record& record, LogcheckTest&) -> Expected {
-                // A shallow clone's twin not told to let go. The shared arrays
-                // go with the source only: deleting them twice would end this
-                // process before its log is read.
-                record->createPrivResultMeta(gTwo, true, gNone);
-                Expected expected;
-                for (void* meta : {record->m_pPrivResult, record->mPrivPhyResultMap.at(0),
-                                   record->mPrivPhyResultMap.at(1)}) {
-                    expected.push_back(
-                            finding(Kind::ChiMetaDoubleDestroy, meta, "shallow-clone-owner"));
-                }
-                std::shared_ptr<PostProcInfo> clone = record->shallowClone(false);
-                static_cast<QcomPostProcInfo&>(*clone).m_pPrivPhyCamIds = nullptr;
-                static_cast<QcomPostProcInfo&>(*clone).m_pPrivPhyResults = nullptr;
-                return expected;
-            },
-            [](Record& record, LogcheckTest&) -> Expected {
-                // A HAL that takes no reference on what it is handed.
-                std::set<std::string> none;
-                record->createPrivResultMeta(none, true, gNone);
-                void* requested = record->m_pPrivResult;
-                Result result(1, sim::hal::newMeta(true), {});
-                record->checkAndUpdatePrivResult(result.get());
-                return {finding(Kind::ReferenceUnderflow, requested, "hal-references")};
-            },
-    };
-    for (const auto& run : seeded) {
-        SCOPED_TRACE(&run - seeded);
-        SetUp();
-        auto record = std::make_unique<QcomPostProcInfo>();
-        Expected expected = run(record, *this);
-        record.reset();
-        std::sort(expected.begin(), expected.end());
-        EXPECT_EQ(check(log(sim::logcat::androidLines())).findings, expected);
-        leftovers.clear();
-        sim::clearJournal();  // the misuses seeded on purpose
-    }
+TEST_F(LogcheckTest, ALogStartingInsideADestructorOwesNothing) {
+    const std::string log =
+            lib(1234, 1301, 'D', "~QcomPostProcInfo",
+                "[Offline DebugData] PostProcsInfo 0xaaaa mEnableIQBM 1 destruct debugData "
+                "pData:0xd0001 after dec ref is 0") +
+            construct(1234, 1302, "0xaaaa", 1) + destruct(1234, 1301, "0xaaaa", 1);
+    const Checked got = check(log);
+    EXPECT_THAT(got.texts, IsEmpty());
+    EXPECT_EQ(counts(got.totals.records), "1 1 2");
+    EXPECT_EQ(counts(got.totals.debugData), "0 1 1");
 }
 
-TEST_F(LogcheckTest, ALogCutAtTheStartCalibratesInsteadOfFinding) {
-    session();
-    const Lines all = sim::logcat::androidLines();
-    for (size_t cut : {all.size() / 4, all.size() / 2, all.size() * 3 / 4}) {
-        SCOPED_TRACE(cut);
-        const Checked checked = check(log(Lines(all.begin() + static_cast<long>(cut), all.end())));
-        EXPECT_THAT(checked.findings, IsEmpty());
-        EXPECT_EQ(checked.totals.records.alive() + checked.totals.chiMetas.alive(), 0u);
-    }
+TEST_F(LogcheckTest, ChattyFoldsOnlyWhatItFolds) {
+    const std::string chatty = "uid=1047(cameraserver) provider@2.4-se identical 12 lines";
+    const std::string leak = construct(1234, 1300, "0xaaaa", 1);
+    // Another tag's lines folded on the provider's thread: nothing lost.
+    const Checked folded = check(leak + other(1234, 1300, 'D', "CamX", "request queued") +
+                                 other(1234, 1300, 'I', "chatty", chatty) + cleanProcess(1234, 2));
+    EXPECT_THAT(folded.texts, ElementsAre("record-leak 0xaaaa record-lifetime"));
+    EXPECT_THAT(folded.caveats, IsEmpty());
+    // Copies of a library line are read again: the same buffer kept twelve
+    // more times is still one reference.
+    const std::string keep = lib(1234, 1300, 'D', "keep3aDebugData",
+                                 "[Offline DebugData] PostProcsInfo 0xaaaa add phycamId 0 "
+                                 "3adebugData pData:0xd0001 after add ref is -1");
+    const Checked copies = check(leak + keep + other(1234, 1300, 'I', "chatty", chatty));
+    EXPECT_EQ(counts(copies.totals.debugData), "0 1 0");
+    // Expired lines may have been the library's: later findings are not asserted.
+    const Checked expired =
+            check(leak + other(1234, 1300, 'I', "chatty",
+                               "uid=1047(cameraserver) provider@2.4-se expire 3 lines"));
+    EXPECT_THAT(expired.texts, ElementsAre("record-leak 0xaaaa record-lifetime uncertain"));
+    EXPECT_EQ(expired.caveats.size(), 1u);
 }
 
-TEST_F(LogcheckTest, LinesDroppedInTheMiddleAreReportedAndLaterFindingsUncertain) {
-    // Records at fixed addresses, so that none reuses another's.
-    alignas(QcomPostProcInfo) static unsigned char storage[7][sizeof(QcomPostProcInfo)];
-    QcomPostProcInfo* records[7];
-    for (int i = 0; i < 6; ++i) {
-        records[i] = new (storage[i]) QcomPostProcInfo();
-        adapter::DebugData data = buffer(i);
-        records[i]->keep3aDebugData(0, &data, false);
-    }
-    for (int i = 0; i < 3; ++i) {
-        records[i]->~QcomPostProcInfo();
-    }
-    records[6] = new (storage[6]) QcomPostProcInfo();
-    for (int i = 3; i < 7; ++i) {
-        records[i]->~QcomPostProcInfo();
-    }
-    // logd drops record 1's destructor lines.
-    Lines lines;
-    for (const sim::kycam::LogLine& line : sim::logcat::androidLines()) {
-        if (line.text.find(hex(records[1])) == std::string::npos ||
-            line.text.find("Construct") != std::string::npos) {
-            lines.push_back(line);
+TEST_F(LogcheckTest, LinesLostInASessionShowInItsSumsAndNothingIsAsserted) {
+    sim::session::Options options;
+    options.seed = 20;
+    options.requestThreads = 1;
+    options.requests = 24;
+    const sim::session::Truth truth = sim::session::run(options);
+    std::vector<sim::kycam::LogLine> kept;
+    for (size_t i = 0; i < truth.lines.size(); ++i) {
+        const bool middle = i > truth.lines.size() / 4 && i < truth.lines.size() * 3 / 4;
+        if (!middle || i % 20 != 0) {
+            kept.push_back(truth.lines[i]);
         }
     }
-    EXPECT_THAT(check(log(lines, "long")).findings,
-                ElementsAre(finding(Kind::LinesLost, records[6], nullptr),
-                            finding(Kind::RecordLeak, records[1], "record-lifetime", false)));
-}
-
-TEST_F(LogcheckTest, ProcessesKeepLedgersOfTheirOwnAndARestartEndsOne) {
-    leftovers.push_back(std::make_unique<QcomPostProcInfo>());
-    const void* leaked = leftovers[0].get();
-    const Lines crashed = sim::logcat::androidLines(1234);
-    sim::kycam::clearLines();
-    session();
-    Lines clean = sim::logcat::androidLines(2345);
-    // Interleaved, both live; one after the other, the first was replaced.
-    Lines both = clean;
-    both.insert(both.begin() + 10, crashed.begin(), crashed.end());
-    EXPECT_THAT(check(log(both)).findings,
-                ElementsAre(finding(Kind::RecordLeak, leaked, "record-lifetime")));
-    Lines restarted = crashed;
-    restarted.insert(restarted.end(), clean.begin(), clean.end());
-    const std::string ended =
-            finding(Kind::RecordLeak, leaked, "record-lifetime", true, 1234, true);
-    EXPECT_THAT(check(log(restarted)).findings, ElementsAre(ended));
-    // The same pid again after its death line.
-    for (sim::kycam::LogLine& line : clean) {
-        line.pid = 1234;
+    const Checked got = check(sim::logcat::write(kept));
+    EXPECT_THAT(got.texts, Contains(HasSubstr("lines-lost")));
+    for (const testsupport::Found& f : got.findings) {
+        EXPECT_TRUE(f.kind == "lines-lost" || !f.certain) << f.text();
     }
-    const Checked checked =
-            check(log(crashed) +
-                  "11-14 22:13:21.000  1234  1301 F libc    : Fatal signal 6 (SIGABRT), code -1 "
-                  "(SI_QUEUE) in tid 1301 (HwBinder:1234_1), pid 1234 (provider@2.4-se)\n" +
-                  log(clean));
-    EXPECT_THAT(checked.findings, ElementsAre(ended));
-    EXPECT_EQ(checked.processes, 2u);
 }
 
-// The program as scripts run it: its exit status and the first line of its
-// output (the verdict), or all of it.
-std::pair<int, std::string> program(const std::string& arguments, const std::string& input = "",
-                                    bool firstLine = true) {
+std::string bugReport(const std::string& current, const std::string& previous) {
+    return "========================================================\n"
+           "== dumpstate: 2026-11-23 10:00:00\n"
+           "========================================================\n"
+           "------ SYSTEM LOG (logcat -v threadtime -v printable -v uid -d *:v) ------\n" +
+           current +
+           "------ 0.125s was the duration of 'SYSTEM LOG' ------\n"
+           "------ DUMPSYS MEDIA.CAMERA (dumpsys media.camera) ------\n" +
+           construct(1234, 1300, "0xdead", 1) +  // dumped text, not a log
+           "------ 0.010s was the duration of 'DUMPSYS MEDIA.CAMERA' ------\n"
+           "------ LAST LOGCAT (logcat -L -b all -v threadtime -v printable -v uid -d *:v) "
+           "------\n" +
+           previous + "------ 0.201s was the duration of 'LAST LOGCAT' ------\n";
+}
+
+TEST_F(LogcheckTest, ABugReportsPreviousBootIsALedgerOfItsOwnEndedByTheReboot) {
+    for (int previousPid : {1234, 999}) {
+        SCOPED_TRACE(previousPid);
+        const Checked got = check(bugReport(cleanProcess(1234) + construct(1234, 1300, "0xeeee", 2),
+                                            leakingProcess(previousPid)));
+        // The live process's record is in flight; the previous boot's ended
+        // with the reboot.
+        EXPECT_THAT(got.texts, ElementsAre("record-leak 0xbbbb record-lifetime ended boot1",
+                                           "record-leak 0xeeee record-lifetime"));
+        EXPECT_TRUE(got.stats.bugReport);
+        EXPECT_EQ(got.processes, 2u);
+    }
+}
+
+TEST_F(LogcheckTest, ABugReportZipAndAGzippedLogAreReadDirectly) {
+    const std::string text = bugReport(cleanProcess(1234), leakingProcess(1234));
+    char zipPath[] = "/tmp/bugreport-XXXXXX";
+    FILE* file = fdopen(mkstemp(zipPath), "w");
+    ZipWriter writer(file);
+    const std::string mainEntry = "bugreport-phone-2026-11-23.txt";
+    ASSERT_EQ(writer.StartEntry("main_entry.txt", ZipWriter::kCompress), 0);
+    writer.WriteBytes(mainEntry.data(), mainEntry.size());
+    writer.FinishEntry();
+    writer.StartEntry("FS/data/tombstones/tombstone_00", ZipWriter::kCompress);
+    writer.FinishEntry();
+    writer.StartEntry(mainEntry.c_str(), ZipWriter::kCompress);
+    writer.WriteBytes(text.data(), text.size());
+    writer.FinishEntry();
+    ASSERT_EQ(writer.Finish(), 0);
+    fclose(file);
+    char gzPath[] = "/tmp/logcat-XXXXXX";
+    close(mkstemp(gzPath));
+    gzFile gz = gzopen(gzPath, "wb");
+    gzwrite(gz, text.data(), static_cast<unsigned>(text.size()));
+    gzclose(gz);
+    for (const char* path : {zipPath, gzPath}) {
+        SCOPED_TRACE(path);
+        logcheck::Checker checker;
+        logcheck::InputStats stats;
+        std::string error;
+        int failure = 0;
+        const volatile sig_atomic_t stop = 0;
+        auto source = logcheck::openLog(path, &failure, &error);
+        ASSERT_TRUE(source) << error;
+        ASSERT_TRUE(
+                logcheck::readLog(*source, logcheck::Format::Auto, checker, stats, &error, &stop));
+        checker.finish();
+        EXPECT_TRUE(stats.bugReport);
+        EXPECT_EQ(logcheck::verdict(checker), logcheck::Verdict::Findings);
+        EXPECT_EQ(checker.libraryLines(), 8u);
+    }
+    unlink(zipPath);
+    unlink(gzPath);
+}
+
+TEST_F(LogcheckTest, DeathLinesInEveryWordingEndTheProcessAndNothingElseDoes) {
+    const struct {
+        const char* tag;
+        char priority;
+        int pid;  // that logs it
+        const char* message;
+        bool death;
+    } kLines[] = {
+            {"init", 'I', 1, "Service 'vendor.camera-provider-2-4' (pid 1234) received signal 9",
+             true},
+            {"init", 'I', 1, "Service 'vendor.camera-provider-2-4' (pid 1234) killed by signal 6",
+             true},
+            {"init", 'I', 1,
+             "Service 'vendor.camera-provider-2-4' (pid 1234) exited with status 0 oneshot service "
+             "took 1.2 seconds in background",
+             true},
+            {"init", 'I', 1, "Untracked pid 1234 received signal 9", true},
+            {"libc", 'F', 1234,
+             "Fatal signal 6 (SIGABRT), code -1 (SI_QUEUE) in tid 1301 (HwBinder:1234_1), pid 1234 "
+             "(provider@2.4-se)",
+             true},
+            {"libc", 'F', 1234,
+             "Fatal signal 11 (SIGSEGV), code 1, fault addr 0x0 in tid 1301 (HwBinder)", true},
+            {"DEBUG", 'F', 1600,
+             "pid: 1234, tid: 1301, name: HwBinder:1234_1  >>> "
+             "/vendor/bin/hw/android.hardware.camera.provider@2.4-service_64 <<<",
+             true},
+            {"DEBUG", 'D', 1500, "onServiceConnected pid: 1234", false},
+            {"init", 'I', 1,
+             "Sending signal 9 to service 'vendor.camera-provider-2-4' (pid 1234) process group...",
+             false},
+            {"libc", 'W', 1234, "Access denied finding property \"ro.vendor.camera\", pid 1234",
+             false},
+    };
+    for (const auto& line : kLines) {
+        SCOPED_TRACE(line.message);
+        // The pid comes back as a new provider, whose record is ended.
+        const Checked got = check(construct(1234, 1300, "0xaaaa", 1) +
+                                  other(line.pid, line.pid, line.priority, line.tag, line.message) +
+                                  cleanProcess(1234));
+        if (line.death) {
+            EXPECT_THAT(got.texts, ElementsAre("record-leak 0xaaaa record-lifetime ended"));
+            EXPECT_EQ(got.processes, 2u);
+        } else {
+            EXPECT_THAT(got.texts, ElementsAre("lines-lost 0xcccc -",
+                                               "record-leak 0xaaaa record-lifetime uncertain"));
+            EXPECT_EQ(got.processes, 1u);
+        }
+    }
+}
+
+TEST_F(LogcheckTest, ALineLongerThanAnyBufferIsOneLine) {
+    const std::string tail = construct(1, 1, "0xf", 1);
+    const std::string log =
+            other(1500, 1500, 'I', "dumpsys",
+                  std::string(200000, 'x') + " " + tail.substr(0, tail.size() - 1)) +
+            other(1500, 1500, 'I', "dumpsys", "done") + construct(1234, 1300, "0xaaaa", 1);
+    const Checked got = check(log);
+    ASSERT_THAT(got.texts, ElementsAre("record-leak 0xaaaa record-lifetime"));
+    EXPECT_THAT(got.findings[0].evidence, ElementsAre(3u));
+    EXPECT_EQ(got.stats.lines, 3u);
+    EXPECT_EQ(got.stats.skipped, 1u);
+}
+
+// The program as scripts run it: its exit status and its output.
+std::pair<int, std::string> program(const std::string& arguments, const std::string& input = "") {
     char path[] = "/tmp/logcheck-XXXXXX";
     const int fd = mkstemp(path);
     EXPECT_EQ(write(fd, input.data(), input.size()), static_cast<ssize_t>(input.size()));
@@ -386,27 +374,88 @@ std::pair<int, std::string> program(const std::string& arguments, const std::str
     }
     const int status = WEXITSTATUS(pclose(pipe));
     unlink(path);
-    return {status, firstLine ? output.substr(0, output.find('\n')) : output};
+    return {status, output};
 }
 
-TEST_F(LogcheckTest, ProgramAnswersWithVerdictFirstAndAnExitStatus) {
-    session();
-    const std::string clean = log(sim::logcat::androidLines());
-    leftovers.push_back(std::make_unique<QcomPostProcInfo>());
-    const std::string leaking = log(sim::logcat::androidLines());
+std::string firstLine(const std::string& text) {
+    return text.substr(0, text.find('\n'));
+}
+
+TEST_F(LogcheckTest, TheVerdictComesFirstWithAnExitStatusOfItsOwn) {
     using Answer = std::pair<int, std::string>;
-    EXPECT_EQ(program("", clean), Answer(0, "postproc-logcheck: no finding in 1 process"));
-    auto [status, json] = program("--json", leaking, false);
+    const struct {
+        std::string input;
+        Answer answer;
+    } kCases[] = {
+            {cleanProcess(1234),
+             {0, "postproc-logcheck: clean: 2 library lines in 1 process, no finding"}},
+            {construct(1234, 1300, "0xaaaa", 1),
+             {1, "postproc-logcheck: 1 finding (0 uncertain) in 1 process: 1 record-leak"}},
+            {"", {3, "postproc-logcheck: nothing checked: the input is empty"}},
+            {other(1100, 1100, 'I', "CameraService", "frame 1"),
+             {3, "postproc-logcheck: nothing checked: no KyCamAdapter line in 1 lines"}},
+    };
+    for (const auto& [input, answer] : kCases) {
+        const auto [status, output] = program("", input);
+        EXPECT_EQ(Answer(status, firstLine(output)), answer);
+    }
+    // -B on text finds no entry.
+    EXPECT_EQ(program("-B", cleanProcess(1234)).first, 3);
+    EXPECT_EQ(program("-v nonsense").first, 2);
+    EXPECT_EQ(firstLine(program("-v nonsense").second),
+              "postproc-logcheck: unknown format: nonsense");
+    EXPECT_EQ(firstLine(program("/nonexistent/log").second),
+              "postproc-logcheck: /nonexistent/log: No such file or directory");
+}
+
+TEST_F(LogcheckTest, FindingsComeByRuleWithWhatToDoAndTheirEvidenceLines) {
+    const auto [status, output] = program("", leakingProcess(1234));
     EXPECT_EQ(status, 1);
-    EXPECT_THAT(json, ::testing::StartsWith("{\"verdict\": \"findings\", \"findings\": "
-                                            "[{\"kind\": \"record-leak\", \"object\": \"" +
-                                            hex(leftovers[0].get()) + "\", \"pid\": 1234"));
-    EXPECT_THAT(json, ::testing::HasSubstr("\"totals\": {\"records\": {\"created\": 5, "
-                                           "\"before\": 0, \"ended\": 4, \"alive\": 1}"));
-    EXPECT_EQ(program("-v nonsense", clean),
-              Answer(2, "postproc-logcheck: unknown format: nonsense"));
-    EXPECT_EQ(program("/nonexistent/log"),
-              Answer(2, "postproc-logcheck: /nonexistent/log: No such file or directory"));
+    EXPECT_THAT(output, HasSubstr("\nrecord-lifetime: 1 finding\n"
+                                  "  what to do: destroy every record exactly once, however it "
+                                  "was made\n"
+                                  "  record-leak 0xbbbb pid 1234: never destroyed; holds 0 CHI "
+                                  "metadata object(s) and 0 debug buffer(s)\n"
+                                  "           4  11-23 10:00:00.000  1234  1244 D KyCamAdapter: "
+                                  "KYA_RECORD QcomPostProcInfo.cpp:1 QcomPostProcInfo()Construct "
+                                  "QcomPostProcInfo 0xbbbb, after sum 2\n"));
+    // Past a screenful, a summary by rule first and a few of each.
+    std::string many;
+    for (int i = 0; i < 25; ++i) {
+        char record[16];
+        snprintf(record, sizeof(record), "0x%x", 0x1000 + i);
+        many += construct(1234, 1300, record, i + 1);
+    }
+    const std::string summary = program("", many).second;
+    EXPECT_THAT(summary, HasSubstr("\nby rule:\n  rule                        findings uncertain  "
+                                   "kinds\n  record-lifetime                   25         0  "
+                                   "record-leak\n"));
+    EXPECT_THAT(summary, HasSubstr("  ... and 20 more (--all, or --json for every one)\n"));
+    EXPECT_THAT(program("--all", many).second, Not(HasSubstr("more (--all")));
+}
+
+TEST_F(LogcheckTest, JsonIsValidWhateverBytesTheLogHolds) {
+    // A camera id that is not UTF-8 lands in a finding's evidence.
+    std::string id = "cam";
+    id += {static_cast<char>(0xff), static_cast<char>(0xc3), '(', '"', '\\', '\x01'};
+    const std::string log =
+            construct(1234, 1300, "0xaaaa", 1) +
+            lib(1234, 1300, 'I', "createPrivResultMeta",
+                "PostProcsInfo 0xaaaa m_pPrivResult (nil) request phyCamIdSet size 1 "
+                "mSamelogical_PhyResult 1") +
+            lib(1234, 1300, 'I', "createPrivResultMeta",
+                "PostProcsInfo 0xaaaa PrivPhyCamId " + id + " PrivPhyResult (nil)");
+    const auto [status, output] = program("--json", log);
+    EXPECT_EQ(status, 1);
+    const nlohmann::json json = nlohmann::json::parse(output);
+    EXPECT_EQ(json["verdict"], "findings");
+    EXPECT_EQ(json["findings"][0]["kind"], "record-leak");
+    EXPECT_EQ(json["findings"][0]["evidence"][1]["line"], 3);
+    EXPECT_THAT(json["findings"][0]["evidence"][1]["text"].get<std::string>(),
+                HasSubstr("PrivPhyCamId cam\xef\xbf\xbd\xef\xbf\xbd(\"\\\x01 PrivPhyResult"));
+    const nlohmann::json nothing = nlohmann::json::parse(program("--json", "").second);
+    EXPECT_EQ(nothing["verdict"], "nothing-checked");
+    EXPECT_FALSE(nothing["not_checked"].empty());
 }
 
 }  // namespace
