@@ -2,6 +2,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,8 +35,11 @@ bool isDigit(char c) {
 
 // A colour's reset at the end ("\x1b[0m"), taken off.
 std::string_view uncoloured(std::string_view s) {
+    if (s.empty() || s.back() != 'm') {
+        return s;
+    }
     const size_t escape = s.size() > 16 ? s.find('\x1b', s.size() - 16) : s.find('\x1b');
-    if (escape != std::string_view::npos && !s.empty() && s.back() == 'm' &&
+    if (escape != std::string_view::npos &&
         s.substr(escape + 1).find_first_not_of("[0123456789;m") == std::string_view::npos) {
         s = s.substr(0, escape);
     }
@@ -63,17 +68,34 @@ std::string_view normalize(std::string_view s) {
 
 class FdSource : public Source {
   public:
-    FdSource(int fd, bool owned) : mFd(fd), mOwned(owned) {}
+    FdSource(int fd, bool owned) : mFd(fd), mOwned(owned) {
+        // A file is read in place rather than copied in pieces.
+        struct stat status = {};
+        if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0) {
+            void* map = mmap(nullptr, static_cast<size_t>(status.st_size), PROT_READ, MAP_PRIVATE,
+                             fd, 0);
+            if (map != MAP_FAILED) {
+                madvise(map, static_cast<size_t>(status.st_size), MADV_SEQUENTIAL);
+                mMap = std::string_view(static_cast<const char*>(map),
+                                        static_cast<size_t>(status.st_size));
+            }
+        }
+    }
     ~FdSource() override {
+        if (!mMap.empty()) {
+            munmap(const_cast<char*>(mMap.data()), mMap.size());
+        }
         if (mOwned) {
             close(mFd);
         }
     }
     long read(char* buffer, size_t size) override { return ::read(mFd, buffer, size); }
+    std::string_view mapped() override { return mMap; }
 
   private:
     int mFd;
     bool mOwned;
+    std::string_view mMap;
 };
 
 #ifndef LOGCHECK_NO_ZIP
@@ -177,6 +199,11 @@ std::unique_ptr<Source> openBugReport(int fd, const char* path, std::string* rea
 // monotonic seconds) and a zone ("+0000"); npos when there is none.
 size_t skipTime(std::string_view s) {
     const size_t n = s.size();
+    // logcat's own "MM-DD hh:mm:ss.fff", without a zone: most lines.
+    if (n > 19 && s[2] == '-' && s[5] == ' ' && s[8] == ':' && s[11] == ':' && s[14] == '.' &&
+        isDigit(s[15]) && isDigit(s[17]) && s[18] == ' ' && !(s[19] == '+' || s[19] == '-')) {
+        return 18;
+    }
     size_t i = 0;
     while (i < n && s[i] == ' ') {
         ++i;
@@ -269,13 +296,52 @@ int ids(std::string_view inside, int32_t numbers[3]) {
     return -1;
 }
 
-// "<time> [zone] [uid] <pid> <tid> <P> <tag>: <message>".
-bool parseThreadtime(std::string_view line, Entry* entry) {
-    size_t pos = skipTime(line);
+// "<time> [zone] [uid] <pid> <tid> <P> <tag>: <message>", the time ending at
+// pos.
+bool parseThreadtime(std::string_view line, size_t pos, Entry* entry) {
+    const size_t n = line.size();
+    if (pos >= n) {
+        return false;  // no time stamp
+    }
+    // logcat's columns: " %5d %5d %c " after the time; most lines fit them.
+    if (pos + 15 < n && line[pos + 6] == ' ' && line[pos + 12] == ' ' && line[pos + 14] == ' ' &&
+        isPriority(line[pos + 13])) {
+        const char* p = line.data() + pos + 1;
+        auto field = [](const char* at, int32_t* out) {
+            int i = 0;
+            while (i < 4 && at[i] == ' ') {
+                ++i;
+            }
+            int32_t value = 0;
+            for (; i < 5; ++i) {
+                if (!isDigit(at[i])) {
+                    return false;
+                }
+                value = value * 10 + (at[i] - '0');
+            }
+            *out = value;
+            return true;
+        };
+        const char* tag = p + 14;
+        const void* colon = memchr(tag, ':', line.data() + n - tag);
+        if (field(p, &entry->pid) && field(p + 6, &entry->tid) && colon != nullptr) {
+            const char* end = static_cast<const char*>(colon);
+            const char* message = end + 1;
+            if (message < line.data() + n && *message == ' ') {
+                while (end > tag && end[-1] == ' ') {
+                    --end;
+                }
+                entry->priority = p[12];
+                entry->tag = std::string_view(tag, static_cast<size_t>(end - tag));
+                entry->message = std::string_view(
+                        message + 1, static_cast<size_t>(line.data() + n - message - 1));
+                return true;
+            }
+        }
+    }
     int32_t numbers[3] = {};
     int count = 0;
-    const size_t n = line.size();
-    while (pos < n) {
+    while (true) {
         while (pos < n && line[pos] == ' ') {
             ++pos;
         }
@@ -285,18 +351,25 @@ bool parseThreadtime(std::string_view line, Entry* entry) {
         if (count >= 2 && isPriority(line[pos]) && line[pos + 1] == ' ') {
             break;
         }
-        const size_t end = line.find(' ', pos);
-        if (end == std::string_view::npos || count == 3) {
+        if (count == 3) {
             return false;
         }
-        if (!decimal(line.substr(pos, end - pos), &numbers[count])) {
-            if (count != 0 || end - pos > 5) {
-                return false;
-            }
-            numbers[count] = -1;  // a uid's name
+        const size_t start = pos;
+        int64_t value = 0;
+        for (; pos < n && isDigit(line[pos]) && pos - start < 10; ++pos) {
+            value = value * 10 + (line[pos] - '0');
         }
-        ++count;
-        pos = end;
+        if (pos > start && pos < n && line[pos] == ' ' && value <= INT32_MAX) {
+            numbers[count++] = static_cast<int32_t>(value);
+            continue;
+        }
+        // A uid's name comes first, five letters at most.
+        for (pos = start; pos < n && line[pos] != ' '; ++pos) {
+        }
+        if (count != 0 || pos >= n || pos - start > 5) {
+            return false;
+        }
+        numbers[count++] = -1;
     }
     if (pos >= n) {
         return false;
@@ -485,6 +558,21 @@ bool Reader::fill() {
 
 bool Reader::line(std::string_view* line, bool* overlong) {
     *overlong = false;
+    if (!mWhole.empty()) {
+        if (mBegin >= mWhole.size()) {
+            return false;
+        }
+        const char* start = mWhole.data() + mBegin;
+        const void* feed = memchr(start, '\n', mWhole.size() - mBegin);
+        const size_t length = feed != nullptr
+                                      ? static_cast<size_t>(static_cast<const char*>(feed) - start)
+                                      : mWhole.size() - mBegin;
+        // As long a line as the buffer would hold: the same lines either way.
+        *overlong = length >= mBuffer.size();
+        *line = *overlong ? std::string_view() : std::string_view(start, length);
+        mBegin += length + 1;
+        return true;
+    }
     size_t scanned = 0;  // from mBegin
     while (true) {
         const char* start = mBuffer.data() + mBegin;
@@ -516,6 +604,9 @@ bool Reader::line(std::string_view* line, bool* overlong) {
 }
 
 std::string_view Reader::peek(size_t n) {
+    if (!mWhole.empty()) {
+        return mWhole.substr(std::min(mBegin, mWhole.size()), n);
+    }
     while (mFilled - mBegin < n && fill()) {
     }
     return std::string_view(mBuffer.data() + mBegin, std::min(n, mFilled - mBegin));
@@ -555,7 +646,7 @@ TextParser::Result TextParser::feed(std::string_view raw, uint64_t number, Entry
         entry->message = line;
         return Result::Entry;
     }
-    if (line.substr(0, 10) == "--------- ") {
+    if (!line.empty() && line[0] == '-' && line.substr(0, 10) == "--------- ") {
         mLong = Long::None;
         return Result::Marker;
     }
@@ -582,7 +673,7 @@ TextParser::Result TextParser::feed(std::string_view raw, uint64_t number, Entry
     Format seen = format;
     bool parsed = false;
     if (format == Format::Threadtime) {
-        parsed = parseThreadtime(line, entry);
+        parsed = parseThreadtime(line, skipTime(line), entry);
     } else if (format == Format::Raw) {
         parsed = false;
     } else if (format == Format::Time ||
@@ -592,7 +683,7 @@ TextParser::Result TextParser::feed(std::string_view raw, uint64_t number, Entry
             isPriority(line[time + 1]) && line[time + 2] == '/') {
             parsed = parseLetterFirst(line, time + 1, format, entry, &seen);
         } else if (format == Format::Auto) {
-            parsed = parseThreadtime(line, entry);
+            parsed = parseThreadtime(line, time, entry);
             seen = Format::Threadtime;
         }
     } else {

@@ -135,14 +135,10 @@ struct ThreadState {
     uint64_t record = 0;  // the last record its lines named
     uint64_t destructing = 0;
     uint32_t destructingGen = 0;
-};
-
-// The last library line of a thread, for logd's "identical" lines.
-struct LastLine {
-    bool library = false;
-    Entry entry;
-    Line line;
-    std::string id;
+    // Its last line, for logd's "identical" lines: the library's, and one
+    // that changes the ledger (which no copy of itself can follow).
+    bool lastLibrary = false;
+    bool lastChanges = false;
 };
 
 struct SumLine {
@@ -262,18 +258,26 @@ class Ledger {
         mProcess.boot = boot;
         mProcess.firstLine = line;
     }
+    int32_t pid() const { return mProcess.pid; }
+    int boot() const { return mProcess.boot; }
     uint64_t firstLine() const { return mProcess.firstLine; }
     uint64_t lastLine() const { return mProcess.lastLine; }
     void add(const Entry& entry, const Line& line);
     // Another tag's line on a thread of this process.
     void other(int32_t tid) {
-        auto found = mLast.find(tid);
-        if (found != mLast.end()) {
-            found->second.library = false;
+        auto found = mThreads.find(tid);
+        if (found != mThreads.end()) {
+            found->second.lastLibrary = false;
+        } else if (tid == 0) {
+            mNoThread.lastLibrary = false;
         }
     }
-    // logd folded copies of a thread's last line: the library's are read again.
-    bool replay(int32_t tid, uint64_t times, uint64_t line);
+    // logd folded copies of a thread's last line: one of the library's that
+    // changes the ledger cannot have copies, so lines were lost.
+    bool foldedALedgerLine(int32_t tid) {
+        auto found = mThreads.find(tid);
+        return found != mThreads.end() && found->second.lastLibrary && found->second.lastChanges;
+    }
     // logd may have dropped lines: what is found from here on is not asserted.
     void mayHaveLost() { mLost = true; }
     Process finish(bool processEnded);
@@ -405,7 +409,6 @@ class Ledger {
     std::unordered_map<uint64_t, BufferState> mBuffers;
     std::unordered_map<int32_t, ThreadState> mThreads;
     ThreadState mNoThread;
-    std::unordered_map<int32_t, LastLine> mLast;
     // Records: constructors counted, destructors begun, destructors known to
     // have returned, and records first seen alive or ending.
     int64_t mConstructs = 0;
@@ -883,12 +886,10 @@ void Ledger::add(const Entry& entry, const Line& line) {
     if (line.record != 0) {
         t.record = line.record;
     }
-    LastLine& last = mLast[entry.tid];
-    last.library = true;
-    last.entry = entry;
-    last.entry.tag = last.entry.message = {};  // views into the reader's buffer
-    last.line = line;
-    last.id.assign(line.id);
+    t.lastLibrary = true;
+    t.lastChanges =
+            !(line.event == Event::Other || line.event == Event::NoRecord ||
+              line.event == Event::RefRead || (line.event == Event::Keep && line.count == -1));
     switch (line.event) {
         case Event::Construct: {
             beginRecord(entry, line.record, false);
@@ -1270,10 +1271,12 @@ void Ledger::add(const Entry& entry, const Line& line) {
                 ++mProcess.totals.debugData.created;
             } else {
                 if (h != nullptr) {
-                    // The record's set had let it go without a line: handed over.
+                    // The record's set had let it go without a line: handed
+                    // over. A shallow clone's copy was never in it.
                     BufferState& b = found->second;
+                    const bool copied = h->kind == HoldKind::Copied;
                     b.holders.erase(b.holders.begin() + (h - b.holders.data()));
-                    ++b.handed;
+                    b.handed += copied ? 0 : 1;
                     b.handedLine = r.handOverLine != 0 ? r.handOverLine : entry.line;
                 }
                 hold(r, line.record, line.object, HoldKind::Reference, false, kNoKeep, entry);
@@ -1299,20 +1302,6 @@ void Ledger::add(const Entry& entry, const Line& line) {
         case Event::NoRecord:
             break;
     }
-}
-
-bool Ledger::replay(int32_t tid, uint64_t times, uint64_t at) {
-    auto found = mLast.find(tid);
-    if (found == mLast.end() || !found->second.library) {
-        return false;
-    }
-    LastLine copy = found->second;
-    copy.entry.line = at;
-    copy.line.id = copy.id;
-    for (uint64_t i = 0; i < times; ++i) {
-        add(copy.entry, copy.line);
-    }
-    return true;
 }
 
 Process Ledger::finish(bool processEnded) {
@@ -1455,11 +1444,14 @@ bool interesting(std::string_view tag) {
 }  // namespace
 
 Checker::Checker(std::function<void(const Finding&)> onFinding)
-    : mOnFinding(std::move(onFinding)) {}
+    : mOnFinding(std::move(onFinding)), mClassifier(std::make_unique<Classifier>()) {}
 
 Checker::~Checker() = default;
 
 Ledger& Checker::ledger(const Entry& entry) {
+    if (mLast != nullptr && mLast->pid() == entry.pid && mLast->boot() == mBoot) {
+        return *mLast;
+    }
     const Key key{mBoot, entry.pid};
     std::unique_ptr<Ledger>& found = mLedgers[key];
     if (!found) {
@@ -1484,7 +1476,11 @@ void Checker::add(const Entry& entry) {
                 return;
             }
         }
-        if (!mLedgers.empty()) {
+        // Another tag of a process the library logs in: its thread's last
+        // line is not the library's.
+        if (mLast != nullptr && mLast->pid() == entry.pid && mLast->boot() == mBoot) {
+            mLast->other(entry.tid);
+        } else if (!mLedgers.empty()) {
             auto found = mLedgers.find({mBoot, entry.pid});
             if (found != mLedgers.end()) {
                 found->second->other(entry.tid);
@@ -1494,7 +1490,7 @@ void Checker::add(const Entry& entry) {
     }
     ++mLibraryLines;
     Line line;
-    if (!classify(entry.message, &line)) {
+    if (!mClassifier->classify(entry.message, &line)) {
         ++mUnknownLines;
         return;
     }
@@ -1520,12 +1516,9 @@ void Checker::chatty(const Entry& entry) {
         (identical == std::string_view::npos && expire == std::string_view::npos)) {
         return;
     }
-    if (identical != std::string_view::npos && entry.tid != 0) {
-        // The copies are known exactly: the library's are read again.
-        const uint64_t times =
-                strtoull(std::string(message.substr(identical + 11, 12)).c_str(), nullptr, 10);
-        found->second->replay(entry.tid, times, entry.line);
-        return;
+    if (identical != std::string_view::npos && entry.tid != 0 &&
+        !found->second->foldedALedgerLine(entry.tid)) {
+        return;  // copies of another tag's line, or of one that changes nothing
     }
     found->second->mayHaveLost();
     mCaveats.push_back({entry.line, "logd dropped lines of pid " + std::to_string(entry.pid) +

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <vector>
 
 namespace logcheck {
 
@@ -214,36 +215,52 @@ const Pattern kPatterns[] = {
 // One conversion at text[*pos]; glibc prints a null pointer as "(nil)",
 // bionic as "0x0". An unsigned count read back as signed (a wrapped count
 // is below zero).
+// Digit values: 0-9 for both, a-f for hexadecimal only; 0xff for neither.
+struct Digits {
+    uint8_t value[256];
+    constexpr Digits() : value() {
+        for (int c = 0; c < 256; ++c) {
+            value[c] = c >= '0' && c <= '9'   ? static_cast<uint8_t>(c - '0')
+                       : c >= 'a' && c <= 'f' ? static_cast<uint8_t>(c - 'a' + 10)
+                                              : 0xff;
+        }
+    }
+};
+constexpr Digits kDigits;
+
 bool convert(char conversion, std::string_view text, size_t* pos, int64_t* number,
              std::string_view* word) {
     size_t i = *pos;
+    const size_t n = text.size();
     if (conversion == 's') {
-        *pos = std::min(text.find(' ', i), text.size());
+        *pos = std::min(text.find(' ', i), n);
         *word = text.substr(i, *pos - i);
         return *pos > i;
     }
-    if (conversion == 'p' && text.compare(i, 5, "(nil)") == 0) {
-        *number = 0;
-        *pos = i + 5;
-        return true;
-    }
     const bool hex = conversion == 'p';
-    if (hex && text.compare(i, 2, "0x") != 0) {
-        return false;
+    if (hex) {
+        if (i + 1 < n && text[i] == '(' && text.compare(i, 5, "(nil)") == 0) {
+            *number = 0;
+            *pos = i + 5;
+            return true;
+        }
+        if (i + 1 >= n || text[i] != '0' || text[i + 1] != 'x') {
+            return false;
+        }
+        i += 2;
     }
-    const bool negative = conversion == 'd' && i < text.size() && text[i] == '-';
-    i += hex ? 2 : negative ? 1 : 0;
+    const bool negative = conversion == 'd' && i < n && text[i] == '-';
+    i += negative ? 1 : 0;
     const size_t start = i;
+    const size_t end = std::min(n, start + (hex ? 16 : 10));
+    const unsigned base = hex ? 16 : 10;
     uint64_t value = 0;
-    for (; i < text.size() && i - start < (hex ? 16u : 10u); ++i) {
-        const char c = text[i];
-        const int digit = c >= '0' && c <= '9'          ? c - '0'
-                          : hex && c >= 'a' && c <= 'f' ? c - 'a' + 10
-                                                        : -1;
-        if (digit < 0) {
+    for (; i < end; ++i) {
+        const unsigned digit = kDigits.value[static_cast<unsigned char>(text[i])];
+        if (digit >= base) {
             break;
         }
-        value = value * (hex ? 16 : 10) + static_cast<uint64_t>(digit);
+        value = value * base + digit;
     }
     if (conversion == 'u' && value > INT32_MAX && value <= UINT32_MAX) {
         value -= UINT64_C(1) << 32;
@@ -253,24 +270,64 @@ bool convert(char conversion, std::string_view text, size_t* pos, int64_t* numbe
     return i > start;
 }
 
-bool match(const Pattern& pattern, std::string_view message, Line* line) {
-    size_t pos = 0;
-    size_t k = 0;
-    const size_t fields = strlen(pattern.fields);
-    for (const char* f = pattern.format; *f != '\0'; ++f) {
-        if (*f != '%') {
-            if (pos >= message.size() || message[pos++] != *f) {
-                return false;
+}  // namespace
+
+// A pattern read once into its literal runs and conversions, and the
+// patterns of each function: a line is matched against its function's only.
+struct Compiled {
+    struct Step {
+        std::string_view literal;  // compared at once
+        char conversion;           // then this, or '\0' at the end
+        char field;
+    };
+    const Pattern* pattern;
+    std::vector<Step> steps;
+};
+
+namespace {
+
+struct Table {
+    std::vector<Compiled> byFunction[static_cast<int>(Fn::KeepTuningDDArray) + 1];
+    Table() {
+        for (const Pattern& pattern : kPatterns) {
+            Compiled compiled{&pattern, {}};
+            const std::string_view format = pattern.format;
+            const std::string_view fields = pattern.fields;
+            size_t k = 0;
+            for (size_t at = 0; at <= format.size();) {
+                const size_t percent = std::min(format.find('%', at), format.size());
+                const char conversion = percent < format.size() ? format[percent + 1] : '\0';
+                const char field = conversion == '\0' ? 'x' : k < fields.size() ? fields[k] : 'x';
+                compiled.steps.push_back({format.substr(at, percent - at), conversion, field});
+                k += conversion != '\0' ? 1 : 0;
+                at = percent + 2;
             }
-            continue;
+            byFunction[static_cast<int>(pattern.function)].push_back(std::move(compiled));
+        }
+    }
+};
+
+bool match(const Compiled& compiled, std::string_view message, Line* line) {
+    size_t pos = 0;
+    for (const Compiled::Step& step : compiled.steps) {
+        const size_t length = step.literal.size();
+        if (message.size() - pos < length) {
+            return false;
+        }
+        if (memcmp(message.data() + pos, step.literal.data(), length) != 0) {
+            return false;
+        }
+        pos += step.literal.size();
+        if (step.conversion == '\0') {
+            break;
         }
         int64_t number = 0;
         std::string_view word;
-        if (!convert(*++f, message, &pos, &number, &word)) {
+        if (!convert(step.conversion, message, &pos, &number, &word)) {
             return false;
         }
         const uint64_t pointer = static_cast<uint64_t>(number);
-        switch (k < fields ? pattern.fields[k] : 'x') {
+        switch (step.field) {
             case 'R':
                 line->record = pointer;
                 break;
@@ -293,18 +350,42 @@ bool match(const Pattern& pattern, std::string_view message, Line* line) {
             default:
                 break;
         }
-        ++k;
     }
     return pos == message.size();
 }
 
 }  // namespace
 
-bool classify(std::string_view text, Line* out) {
-    size_t at = text.find(' ');
-    at = at == std::string_view::npos ? at : text.find(' ', at + 1);
+namespace {
+
+const Table& table() {
+    static const Table kTable;
+    return kTable;
+}
+
+void fill(const Compiled& compiled, Line* line) {
+    const Pattern& pattern = *compiled.pattern;
+    line->event = pattern.event;
+    line->function = pattern.function;
+    line->group = pattern.group;
+    if (strchr(pattern.fields, 'N') == nullptr) {
+        line->number = -1;  // the logical result; for a rebuild, some cameras
+    }
+}
+
+}  // namespace
+
+bool Classifier::classify(std::string_view text, Line* out) {
+    // "<group> <file>:<line> <function>()<message>"; a function object's
+    // function is "operator()".
+    const size_t first = text.find(' ');
+    const size_t at = first == std::string_view::npos ? first : text.find(' ', first + 1);
     if (at == std::string_view::npos) {
         return false;
+    }
+    uint32_t source = 0;
+    for (size_t i = text.rfind(':', at) + 1; i < at && text[i] >= '0' && text[i] <= '9'; ++i) {
+        source = source * 10 + static_cast<uint32_t>(text[i] - '0');
     }
     const size_t from = text.compare(at + 1, 10, "operator()") == 0 ? at + 11 : at + 1;
     const size_t parens = text.find("()", from);
@@ -312,22 +393,37 @@ bool classify(std::string_view text, Line* out) {
         return false;
     }
     const std::string_view name = text.substr(at + 1, parens - at - 1);
+    const std::string_view message = text.substr(parens + 2);
+    // A call site logs one format: the one it logged last is tried first.
+    std::vector<Site>& sites = mSites[source % kSites];
+    for (const Site& site : sites) {
+        if (site.source == source && site.name == name) {
+            Line line;
+            if (match(*site.pattern, message, &line)) {
+                fill(*site.pattern, &line);
+                *out = line;
+                return true;
+            }
+        }
+    }
     const auto* function = std::find_if(std::begin(kFunctions), std::end(kFunctions),
                                         [name](const auto& f) { return f.name == name; });
     if (function == std::end(kFunctions)) {
         return false;
     }
-    const std::string_view message = text.substr(parens + 2);
-    for (const Pattern& pattern : kPatterns) {
+    for (const Compiled& compiled : table().byFunction[static_cast<int>(function->function)]) {
         Line line;
-        if (pattern.function == function->function && match(pattern, message, &line)) {
-            line.event = pattern.event;
-            line.function = pattern.function;
-            line.group = pattern.group;
-            if (strchr(pattern.fields, 'N') == nullptr) {
-                line.number = -1;  // the logical result; for a rebuild, some cameras
-            }
+        if (match(compiled, message, &line)) {
+            fill(compiled, &line);
             *out = line;
+            auto known = std::find_if(sites.begin(), sites.end(), [&](const Site& site) {
+                return site.source == source && site.name == name;
+            });
+            if (known != sites.end()) {
+                known->pattern = &compiled;
+            } else if (sites.size() < 8) {
+                sites.push_back({source, std::string(name), &compiled});
+            }
             return true;
         }
     }

@@ -6,7 +6,9 @@
 
 #include <stdint.h>
 
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace logcheck {
 
@@ -93,8 +95,25 @@ struct Line {
     std::string_view id;  // a camera id text
 };
 
+struct Compiled;
+
 // Reads the prefix "<group> <file>:<line> <function>()" and the message.
-bool classify(std::string_view text, Line* out);
+// Keeps, per call site, the format it logged last: one per log, not shared
+// between threads.
+class Classifier {
+  public:
+    Classifier() : mSites(kSites) {}
+    bool classify(std::string_view text, Line* out);
+
+  private:
+    static constexpr size_t kSites = 512;
+    struct Site {
+        uint32_t source;  // the source line
+        std::string name;
+        const Compiled* pattern;
+    };
+    std::vector<std::vector<Site>> mSites;
+};
 
 // Tagless formats: the message has the library's prefix shape.
 bool looksLikeLibrary(std::string_view text);

@@ -41,6 +41,8 @@ class Source {
     virtual ~Source() = default;
     // Up to size bytes; 0 at the end, -1 on an error (errno set).
     virtual long read(char* buffer, size_t size) = 0;
+    // The whole input at once, where it is a file that can be mapped.
+    virtual std::string_view mapped() { return {}; }
 };
 
 // Opens a file as logs are kept: plain, gzip, or a bug report zip (its main
@@ -52,7 +54,7 @@ std::unique_ptr<Source> openLog(const char* path, int* error, std::string* reaso
 // than the buffer is still one line, handed out empty and marked overlong.
 class Reader {
   public:
-    explicit Reader(Source& source) : mSource(source) {}
+    explicit Reader(Source& source) : mSource(source), mWhole(source.mapped()) {}
     // False at the end of input or when reading fails (see error()).
     bool line(std::string_view* line, bool* overlong);
     // Up to n bytes from the current position, not consumed.
@@ -63,6 +65,7 @@ class Reader {
   private:
     bool fill();
     Source& mSource;
+    std::string_view mWhole;  // a mapped file: read in place
     int mError = 0;
     bool mEnd = false;
     std::vector<char> mBuffer = std::vector<char>(1 << 16);
@@ -177,6 +180,7 @@ struct Caveat {
 };
 
 class Ledger;
+class Classifier;
 
 // Takes entries of any tag and keeps one ledger per process and boot.
 class Checker {
@@ -205,6 +209,7 @@ class Checker {
     void end(Key key, bool processEnded);
     void chatty(const Entry& entry);
     std::function<void(const Finding&)> mOnFinding;
+    std::unique_ptr<Classifier> mClassifier;
     std::map<Key, std::unique_ptr<Ledger>> mLedgers;
     std::vector<Process> mDone;
     std::vector<Caveat> mCaveats;

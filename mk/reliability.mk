@@ -19,7 +19,11 @@ FUZZ_PACKAGES := clang-14 libclang-rt-14-dev
 FUZZ_DIR := build-fuzz
 FUZZ_SECONDS ?= 600
 
-.PHONY: check-asan check-tsan fuzz fuzz-smoke fuzz-build fuzz-seconds
+.PHONY: check-asan check-tsan fuzz fuzz-smoke fuzz-build fuzz-seconds model
+
+# The log checker against this many random sessions of the simulation (the
+# suite runs 300).
+MODEL_SESSIONS ?= 5000
 
 # $(call SANITIZED,directory,sanitizer,environment)
 SANITIZED = $(call QUIETLY,$(1)/configure.log) $(CMAKE) -S . -B $(1) $(SAN_CMAKE_FLAGS) \
@@ -52,7 +56,12 @@ fuzz-seconds:
 		echo "FUZZ_SECONDS must be a whole number of seconds above 0, not \"$(FUZZ_SECONDS)\""; \
 		exit 2;; esac
 
-fuzz: fuzz-seconds fuzz-build
+model: build
+	LOGCHECK_MODEL_SESSIONS=$(MODEL_SESSIONS) $(BUILD_DIR)/bin/logcheck_model_test \
+		--gtest_brief=1 >$(BUILD_DIR)/model.log 2>&1 || { cat $(BUILD_DIR)/model.log; exit 1; }
+	sed -n 's/^model: /model: /p' $(BUILD_DIR)/model.log
+
+fuzz: fuzz-seconds fuzz-build model
 	./tools/run-fuzzer $(FUZZ_DIR) postproc_fuzz fuzz/corpus $(FUZZ_SECONDS) 512
 	./tools/run-fuzzer $(FUZZ_DIR) logcheck_fuzz fuzz/logcheck-corpus $(FUZZ_SECONDS) 16384
 
