@@ -65,7 +65,6 @@ struct Holder {
     uint64_t record;
     uint32_t recordGen;
     HoldKind kind;
-    bool iqbm;           // which counter its reference is on
     int64_t awaitsKeep;  // the manager's add, before keep's line of the same add
     uint64_t line;
 };
@@ -79,7 +78,6 @@ struct RecordState {
     bool supportPriv = false;
     bool sameLogical = false;
     bool translated = false;
-    bool freeData = false;
     bool handedOver = false;  // releaseTuningMetaBufs ran on it
     bool shallow = false;     // a shallow clone or the source of one
     uint64_t handOverLine = 0;
@@ -118,7 +116,6 @@ struct MetaState {
 };
 
 struct BufferState {
-    bool open = false;
     std::vector<Holder> holders;
     uint32_t handed = 0;  // holds let go by releaseTuningMetaBufs, for another owner
     uint64_t handedLine = 0;
@@ -290,15 +287,10 @@ class Ledger {
         evidence.erase(std::remove(evidence.begin(), evidence.end(), 0u), evidence.end());
         std::sort(evidence.begin(), evidence.end());
         evidence.erase(std::unique(evidence.begin(), evidence.end()), evidence.end());
-        Finding finding{kind,          object,
-                        mProcess.pid,  tid,
-                        mProcess.boot, std::move(evidence),
-                        rule,          certain && !mLost,
-                        false,         std::move(detail)};
-        if (mOnFinding) {
-            mOnFinding(finding);
-        }
-        mProcess.findings.push_back(std::move(finding));
+        Finding finding{
+                kind,    object, mProcess.pid,     tid, mProcess.boot, std::move(evidence), rule,
+                certain, false,  std::move(detail)};
+        decide(std::move(finding));
     }
 
     // A second destroy, or a Create line lost before it: the ChimetaSum of
@@ -381,8 +373,16 @@ class Ledger {
         }
         return nullptr;
     }
-    void hold(RecordState& r, uint64_t address, uint64_t buffer, HoldKind kind, bool iqbm,
-              int64_t awaits, const Entry& entry);
+    BufferState& bufferAt(uint64_t address, const Entry& entry) {
+        auto [it, fresh] = mBuffers.try_emplace(address);
+        if (fresh) {
+            it->second.firstLine = entry.line;
+            it->second.tid = entry.tid;
+        }
+        return it->second;
+    }
+    void hold(RecordState& r, uint64_t address, uint64_t buffer, HoldKind kind, int64_t awaits,
+              const Entry& entry);
     void release(RecordState& r, uint64_t address, uint64_t buffer, int64_t count, bool freed,
                  const Entry& entry);
     // Nothing of it is held or owed any more: forgotten.
@@ -662,18 +662,13 @@ void Ledger::finishRecord(uint64_t address, RecordState& r, Finish how, uint64_t
 
 // References are counted as the log shows them taken and given back; a
 // buffer is followed while a record holds it or a reference to it is owed.
-void Ledger::hold(RecordState& r, uint64_t address, uint64_t buffer, HoldKind kind, bool iqbm,
-                  int64_t awaits, const Entry& entry) {
-    BufferState& b = mBuffers[buffer];
-    if (!b.open) {
-        b.open = true;
-        b.firstLine = entry.line;
-        b.tid = entry.tid;
-    }
+void Ledger::hold(RecordState& r, uint64_t address, uint64_t buffer, HoldKind kind, int64_t awaits,
+                  const Entry& entry) {
+    BufferState& b = bufferAt(buffer, entry);
     Count& debugData = mProcess.totals.debugData;
     debugData.created += kind == HoldKind::Reference || kind == HoldKind::Adopted ? 1 : 0;
     debugData.before += kind == HoldKind::Unknown ? 1 : 0;
-    b.holders.push_back({address, r.gen, kind, iqbm, awaits, entry.line});
+    b.holders.push_back({address, r.gen, kind, awaits, entry.line});
     if (std::find(r.buffers.begin(), r.buffers.end(), buffer) == r.buffers.end()) {
         r.buffers.push_back(buffer);
     }
@@ -681,12 +676,7 @@ void Ledger::hold(RecordState& r, uint64_t address, uint64_t buffer, HoldKind ki
 
 void Ledger::release(RecordState& r, uint64_t address, uint64_t buffer, int64_t count, bool freed,
                      const Entry& entry) {
-    BufferState& b = mBuffers[buffer];
-    if (!b.open) {
-        b.open = true;
-        b.firstLine = entry.line;
-        b.tid = entry.tid;
-    }
+    BufferState& b = bufferAt(buffer, entry);
     Count& debugData = mProcess.totals.debugData;
     Holder* h = holder(b, address, r.gen);
     const HoldKind kind = h != nullptr ? h->kind : HoldKind::Unknown;
@@ -977,7 +967,7 @@ void Ledger::add(const Entry& entry, const Line& line) {
                 Holder* h = found == mBuffers.end() ? nullptr
                                                     : holder(found->second, line.other, source.gen);
                 if (h != nullptr && h->kind != HoldKind::Copied) {
-                    hold(c, line.record, buffer, HoldKind::Copied, h->iqbm, kNoKeep, entry);
+                    hold(c, line.record, buffer, HoldKind::Copied, kNoKeep, entry);
                 }
             }
             break;
@@ -1194,10 +1184,7 @@ void Ledger::add(const Entry& entry, const Line& line) {
                 orphan(r.logical, kCreateOnEmpty, entry.line);
             }
             r.supportPriv = true;
-            // createTuningMetaBufs makes no logical result beside a physical one.
-            r.logical = line.function == Fn::CreateTuningMetaBufs && line.count != 0
-                                ? seen(line.object, entry)
-                                : made(line.object, entry);
+            r.logical = made(line.object, entry);
             r.sameLogical = line.count != 0;
             r.ids.clear();
             r.createLine = entry.line;
@@ -1245,11 +1232,11 @@ void Ledger::add(const Entry& entry, const Line& line) {
             record(entry, line).translated = true;
             break;
         case Event::TuningParams:
-            record(entry, line).freeData = true;
+            record(entry, line);
             break;
         case Event::IqbmAdd: {
             RecordState& r = record(entry, line);
-            hold(r, line.record, line.object, HoldKind::Reference, true, line.count, entry);
+            hold(r, line.record, line.object, HoldKind::Reference, line.count, entry);
             break;
         }
         case Event::Keep: {
@@ -1259,7 +1246,7 @@ void Ledger::add(const Entry& entry, const Line& line) {
                     found == mBuffers.end() ? nullptr : holder(found->second, line.record, r.gen);
             if (line.count == -1) {
                 if (h == nullptr) {  // held by a hold the log does not show
-                    hold(r, line.record, line.object, HoldKind::Unknown, false, kNoKeep, entry);
+                    hold(r, line.record, line.object, HoldKind::Unknown, kNoKeep, entry);
                 }
             } else if (h != nullptr && h->awaitsKeep == line.count) {
                 h->awaitsKeep = kNoKeep;  // the manager's line told of this add
@@ -1279,13 +1266,12 @@ void Ledger::add(const Entry& entry, const Line& line) {
                     b.handed += copied ? 0 : 1;
                     b.handedLine = r.handOverLine != 0 ? r.handOverLine : entry.line;
                 }
-                hold(r, line.record, line.object, HoldKind::Reference, false, kNoKeep, entry);
+                hold(r, line.record, line.object, HoldKind::Reference, kNoKeep, entry);
             }
             break;
         }
         case Event::Adopt:
-            hold(record(entry, line), line.record, line.object, HoldKind::Adopted, false, kNoKeep,
-                 entry);
+            hold(record(entry, line), line.record, line.object, HoldKind::Adopted, kNoKeep, entry);
             break;
         case Event::DebugDec:
         case Event::DebugFree:
@@ -1374,7 +1360,7 @@ Process Ledger::finish(bool processEnded) {
     }
     std::map<uint64_t, const BufferState*> buffers;
     for (const auto& [address, b] : mBuffers) {
-        if (b.open && (b.handed > 0 || b.lostCause != nullptr)) {
+        if ((b.handed > 0 || b.lostCause != nullptr)) {
             buffers.emplace(address, &b);
         }
     }

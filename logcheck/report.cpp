@@ -172,6 +172,7 @@ const char* plural(size_t n, const char* one, const char* many) {
 
 struct RuleSummary {
     std::string rule;
+    bool named = false;  // no host rule explains the unnamed group
     size_t findings = 0;
     size_t uncertain = 0;
     std::vector<Kind> kinds;
@@ -181,7 +182,7 @@ std::vector<RuleSummary> byRule(const std::vector<const Finding*>& findings) {
     std::vector<RuleSummary> rules;
     for (const Finding* f : findings) {
         if (rules.empty() || rules.back().rule != ruleName(*f)) {
-            rules.push_back({ruleName(*f), 0, 0, {}});
+            rules.push_back({ruleName(*f), f->rule != nullptr, 0, 0, {}});
         }
         RuleSummary& r = rules.back();
         ++r.findings;
@@ -418,7 +419,7 @@ void printJson(FILE* out, const Checker& checker, const InputStats& input,
     const std::vector<RuleSummary> rules = byRule(findings);
     for (const RuleSummary& r : rules) {
         fputs(&r == &rules[0] ? "{\"rule\": " : ", {\"rule\": ", out);
-        r.rule == ruleName(Finding{}) ? (void)fputs("null", out) : jsonString(out, r.rule);
+        r.named ? jsonString(out, r.rule) : (void)fputs("null", out);
         fprintf(out, ", \"findings\": %zu, \"uncertain\": %zu}", r.findings, r.uncertain);
     }
     Totals totals;
