@@ -1309,9 +1309,7 @@ Process Ledger::finish(bool processEnded) {
         if (r.destructing) {
             continue;
         }
-        for (Ref ref : {r.logical}) {
-            held.insert(ref.address);
-        }
+        held.insert(r.logical.address);
         for (const auto& c : r.cameras) {
             held.insert(c.second.address);
         }
@@ -1323,10 +1321,7 @@ Process Ledger::finish(bool processEnded) {
         }
     }
     for (const auto& [address, r] : leaked) {
-        size_t objects = 0;
-        for (Ref ref : {r->logical}) {
-            objects += isCurrent(ref) && !inCameras(*r, ref.address) ? 1 : 0;
-        }
+        size_t objects = isCurrent(r->logical) && !inCameras(*r, r->logical.address) ? 1 : 0;
         for (const auto& c : r->cameras) {
             objects += isCurrent(c.second) ? 1 : 0;
         }

@@ -87,8 +87,8 @@ std::vector<std::string> notChecked(const Checker& checker) {
     }
     if (seen.metaInfo && !seen.traces) {
         missing.push_back(
-                "reference-underflow in result reconciliation: no reference trace (gKyCamLogLevel "
-                "below 3)");
+                "reference-underflow in result reconciliation: no reference trace (it needs "
+                "gKyCamLogLevel 2 or less)");
     }
     return missing;
 }

@@ -22,6 +22,7 @@ struct Found {
     bool processEnded;
     int boot;
     std::vector<uint64_t> evidence;
+    std::string detail;
     std::string text() const {
         char head[96];
         snprintf(head, sizeof(head), "%s 0x%llx %s", kind.c_str(),
@@ -70,7 +71,7 @@ inline Checked check(const std::string& log, logcheck::Format format = logcheck:
         for (const logcheck::Finding& f : process.findings) {
             checked.findings.push_back({logcheck::kindName(f.kind), f.object,
                                         f.rule != nullptr ? f.rule : "-", f.certain, f.processEnded,
-                                        f.boot, f.evidence});
+                                        f.boot, f.evidence, f.detail});
             checked.texts.push_back(checked.findings.back().text());
         }
     }
