@@ -338,6 +338,21 @@ class Ledger {
     }
     Ref seen(uint64_t address, const Entry& entry);
     Ref made(uint64_t address, const Entry& entry);
+    // The next lifetime at an address: made in the log, or taken on from
+    // the HAL (counted with those alive before the log).
+    void renew(MetaState& m, Origin origin, const Entry& entry) {
+        const uint32_t gen = m.gen + 1;
+        const uint64_t previous = m.endLine;
+        m = MetaState{};
+        m.gen = gen;
+        m.alive = true;
+        m.origin = origin;
+        m.madeLine = entry.line;
+        m.previousEndLine = previous;
+        m.tid = entry.tid;
+        ++(origin == Origin::Created ? mProcess.totals.chiMetas.created
+                                     : mProcess.totals.chiMetas.before);
+    }
     Ref adopt(uint64_t address, const Entry& entry);
     void ended(uint64_t address, MetaState& meta, const Entry& entry);
     void orphan(Ref ref, const char* cause, uint64_t line) {
@@ -459,18 +474,9 @@ Ref Ledger::made(uint64_t address, const Entry& entry) {
     }
     lost(entry, address, "a CHI metadata object made with no Create line");
     MetaState& m = found->second;
-    const uint32_t gen = m.gen + 1;
-    const uint64_t previous = m.endLine;
-    m = MetaState{};
-    m.gen = gen;
-    m.alive = true;
-    m.origin = Origin::Created;
+    renew(m, Origin::Created, entry);
     m.attributed = true;
-    m.madeLine = entry.line;
-    m.previousEndLine = previous;
-    m.tid = entry.tid;
-    ++mProcess.totals.chiMetas.created;
-    return {address, gen};
+    return {address, m.gen};
 }
 
 // An object a result hands the record: known, or the HAL's own, new here.
@@ -481,16 +487,7 @@ Ref Ledger::adopt(uint64_t address, const Entry& entry) {
     auto [it, fresh] = mMetas.try_emplace(address);
     MetaState& m = it->second;
     if (fresh || !m.alive) {
-        const uint32_t gen = m.gen + 1;
-        const uint64_t previous = m.endLine;
-        m = MetaState{};
-        m.gen = gen;
-        m.alive = true;
-        m.origin = Origin::Adopted;
-        m.madeLine = entry.line;
-        m.previousEndLine = previous;
-        m.tid = entry.tid;
-        ++mProcess.totals.chiMetas.before;
+        renew(m, Origin::Adopted, entry);
     }
     m.attributed = true;
     return {address, m.gen};
@@ -985,17 +982,8 @@ void Ledger::add(const Entry& entry, const Line& line) {
                     }
                     ended(line.object, m, entry);
                 }
-                const uint32_t gen = m.gen + 1;
-                const uint64_t previous = m.endLine;
-                m = MetaState{};
-                m.gen = gen;
-                m.alive = true;
-                m.origin = Origin::Created;
-                m.madeLine = entry.line;
-                m.previousEndLine = previous;
-                m.tid = entry.tid;
-                ++mProcess.totals.chiMetas.created;
-                t.created = {line.object, gen};
+                renew(m, Origin::Created, entry);
+                t.created = {line.object, m.gen};
             } else {
                 t.created = {};
             }
