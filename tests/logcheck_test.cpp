@@ -319,6 +319,12 @@ TEST_F(LogcheckTest, EachFindingSaysWhatHappenedWithItsEvidenceLines) {
              "reference-underflow 0x51 hal-references",
              "count 0 below the 1 references the library holds",
              {6}},
+            // It dropped its reference before the result came back.
+            {held + lib(1234, 1300, 'D', "checkAndUpdatePrivResult",
+                        "PostProcsInfo 0xaaaa the chi meta: 0x51 AddReference ref: 1"),
+             "reference-underflow 0x51 hal-references",
+             "count 1 below the 2 references the library holds",
+             {5}},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.log);
