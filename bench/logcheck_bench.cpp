@@ -19,6 +19,9 @@
 
 namespace {
 
+// The files made for the run, removed at its end.
+std::vector<std::string> gMade;
+
 // A file of at least `lines` lines, made once per size.
 const std::string& logFile(int64_t lines) {
     static std::map<int64_t, std::string> files;
@@ -52,6 +55,7 @@ const std::string& logFile(int64_t lines) {
     }
     fclose(file);
     path = name;
+    gMade.push_back(path);
     return path;
 }
 
@@ -71,6 +75,7 @@ const std::string& leakingHost() {
         }
         fclose(file);
         path = name;
+        gMade.push_back(path);
     }
     return path;
 }
@@ -180,5 +185,8 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     compareWithGrep();
+    for (const std::string& path : gMade) {
+        unlink(path.c_str());
+    }
     return 0;
 }

@@ -55,7 +55,14 @@ std::string_view trimmed(std::string_view s) {
 
 // Colour escapes at either end, trailing blanks, tabs and carriage returns.
 std::string_view normalize(std::string_view s) {
-    if (!s.empty() && s[0] == '\x1b') {
+    if (s.empty()) {
+        return s;
+    }
+    const char last = s.back();
+    if (s[0] != '\x1b' && last != ' ' && last != '\t' && last != '\r' && last != 'm') {
+        return s;  // most lines: nothing to take off
+    }
+    if (s[0] == '\x1b') {
         size_t i = 1;
         if (i < s.size() && s[i] == '[') {
             while (++i < s.size() && !(s[i] >= 0x40 && s[i] <= 0x7e)) {
@@ -855,7 +862,7 @@ bool readLog(Source& source, Format format, Checker& checker, InputStats& stats,
                 ++stats.skipped;
                 continue;
             }
-            if (line[0] == '-' && section(line, &part)) {
+            if (!line.empty() && line[0] == '-' && section(line, &part)) {
                 ++stats.markers;
                 stats.bugReport = true;
                 if (inLog && boot > 0) {

@@ -1425,8 +1425,27 @@ Ledger& Checker::ledger(const Entry& entry) {
     std::unique_ptr<Ledger>& found = mLedgers[key];
     if (!found) {
         found = std::make_unique<Ledger>(entry.pid, mBoot, entry.line, mOnFinding);
+        relist();
     }
     return *found;
+}
+
+Ledger* Checker::live(int32_t pid) const {
+    for (const auto& [livePid, ledger] : mLive) {
+        if (livePid == pid) {
+            return ledger;
+        }
+    }
+    return nullptr;
+}
+
+void Checker::relist() {
+    mLive.clear();
+    for (const auto& [key, ledger] : mLedgers) {
+        if (key.first == mBoot) {
+            mLive.emplace_back(key.second, ledger.get());
+        }
+    }
 }
 
 void Checker::add(const Entry& entry) {
@@ -1447,13 +1466,8 @@ void Checker::add(const Entry& entry) {
         }
         // Another tag of a process the library logs in: its thread's last
         // line is not the library's.
-        if (mLast != nullptr && mLast->pid() == entry.pid && mLast->boot() == mBoot) {
-            mLast->other(entry.tid);
-        } else if (!mLedgers.empty()) {
-            auto found = mLedgers.find({mBoot, entry.pid});
-            if (found != mLedgers.end()) {
-                found->second->other(entry.tid);
-            }
+        if (Ledger* ledger = live(entry.pid)) {
+            ledger->other(entry.tid);
         }
         return;
     }
@@ -1477,19 +1491,19 @@ void Checker::add(const Entry& entry) {
 // logd's own lines: "identical N lines" folds copies of the line before on
 // that thread; "expire N lines" may have dropped any of that process's.
 void Checker::chatty(const Entry& entry) {
-    auto found = mLedgers.find({mBoot, entry.pid});
+    Ledger* ledger = live(entry.pid);
     const std::string_view message = entry.message;
     const size_t identical = message.find(" identical ");
     const size_t expire = message.find(" expire ");
-    if (found == mLedgers.end() ||
+    if (ledger == nullptr ||
         (identical == std::string_view::npos && expire == std::string_view::npos)) {
         return;
     }
     if (identical != std::string_view::npos && entry.tid != 0 &&
-        !found->second->foldedALedgerLine(entry.tid)) {
+        !ledger->foldedALedgerLine(entry.tid)) {
         return;  // copies of another tag's line, or of one that changes nothing
     }
-    found->second->mayHaveLost();
+    ledger->mayHaveLost();
     mCaveats.push_back({entry.line, "logd dropped lines of pid " + std::to_string(entry.pid) +
                                             " (chatty): what is found after line " +
                                             std::to_string(entry.line) + " is not asserted"});
@@ -1497,6 +1511,7 @@ void Checker::chatty(const Entry& entry) {
 
 void Checker::beginBoot(int boot) {
     mBoot = boot;
+    relist();
 }
 
 void Checker::endBoot(int boot, uint64_t /*line*/) {
@@ -1519,6 +1534,7 @@ void Checker::end(Key key, bool processEnded) {
         }
         mDone.push_back(found->second->finish(processEnded));
         mLedgers.erase(found);
+        relist();
     }
 }
 

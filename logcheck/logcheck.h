@@ -206,6 +206,8 @@ class Checker {
   private:
     using Key = std::pair<int, int32_t>;  // boot, pid
     Ledger& ledger(const Entry& entry);
+    Ledger* live(int32_t pid) const;
+    void relist();
     void end(Key key, bool processEnded);
     void chatty(const Entry& entry);
     std::function<void(const Finding&)> mOnFinding;
@@ -216,6 +218,8 @@ class Checker {
     Seen mSeen;
     int mBoot = 0;
     Ledger* mLast = nullptr;  // the ledger of the last library line
+    // The current boot's ledgers by pid: few, and searched for every line.
+    std::vector<std::pair<int32_t, Ledger*>> mLive;
     uint64_t mLibraryLines = 0;
     uint64_t mOtherLines = 0;
     uint64_t mUnknownLines = 0;
