@@ -75,6 +75,8 @@ std::string cleanProcess(int pid, int sum = 1) {
     return construct(pid, pid + 10, "0xcccc", sum) + destruct(pid, pid + 20, "0xcccc", sum);
 }
 
+constexpr int32_t kWidePid = 1234567;
+
 class LogcheckTest : public testsupport::SimTest {
   protected:
     void SetUp() override {
@@ -95,7 +97,8 @@ class LogcheckTest : public testsupport::SimTest {
             leftovers.push_back(std::move(record));
         }
         leftovers.erase(leftovers.begin());
-        return sim::logcat::androidLines();
+        // A pid wider than logcat's column.
+        return sim::logcat::androidLines(kWidePid);
     }
     std::vector<std::unique_ptr<QcomPostProcInfo>> leftovers;
 };
@@ -103,33 +106,39 @@ class LogcheckTest : public testsupport::SimTest {
 TEST_F(LogcheckTest, EveryLogcatFormatAndModifierIsRead) {
     const std::vector<sim::kycam::LogLine> lines = leakingSession();
     const std::string leak = "record-leak " + hex(leftovers[0].get()) + " record-lifetime";
+    using logcheck::Format;
     const struct {
         const char* format;
         bool threads;
-    } kFormats[] = {{"threadtime", true},
-                    {"threadtime,color", true},
-                    {"threadtime,uid,year,zone", true},
-                    {"threadtime,nsec,printable", true},
-                    {"threadtime,epoch,UTC", true},
-                    {"threadtime,monotonic,descriptive", true},
-                    {"long,usec,uid", true},
-                    {"long,color", true},
-                    {"thread", true},
-                    {"thread,uid,color", true},
-                    {"binary", true},
-                    {"brief,color", false},
-                    {"time,year,uid", false},
-                    {"tag", false},
-                    {"tag,color", false},
-                    {"process", false},
-                    {"process,uid,color", false}};
-    for (const auto& [format, threads] : kFormats) {
+        Format seen;
+        bool pid;
+    } kFormats[] = {{"threadtime", true, Format::Threadtime, true},
+                    {"threadtime,color", true, Format::Threadtime, true},
+                    {"threadtime,uid,year,zone", true, Format::Threadtime, true},
+                    {"threadtime,nsec,printable", true, Format::Threadtime, true},
+                    {"threadtime,epoch,UTC", true, Format::Threadtime, true},
+                    {"threadtime,monotonic,descriptive", true, Format::Threadtime, true},
+                    {"long,usec,uid", true, Format::Long, true},
+                    {"long,color", true, Format::Long, true},
+                    {"thread", true, Format::Thread, true},
+                    {"thread,uid,color", true, Format::Thread, true},
+                    {"binary", true, Format::Binary, true},
+                    {"brief,color", false, Format::Brief, true},
+                    {"time,year,uid", false, Format::Time, true},
+                    {"tag", false, Format::Tag, false},
+                    {"tag,color", false, Format::Tag, false},
+                    {"process", false, Format::Process, true},
+                    {"process,uid,color", false, Format::Process, true}};
+    for (const auto& [format, threads, seen, pid] : kFormats) {
         SCOPED_TRACE(format);
         const Checked got = check(sim::logcat::write(lines, format));
         // A record names itself: no thread is needed to find it.
         EXPECT_THAT(got.texts, ElementsAre(leak));
         EXPECT_EQ(counts(got.totals.records), "2 0 1");
         EXPECT_EQ(got.seen.threadIds, threads);
+        EXPECT_EQ(got.stats.format, seen);
+        ASSERT_EQ(got.findings.size(), 1u);
+        EXPECT_EQ(got.findings[0].pid, pid ? kWidePid : 0);
     }
     // -v raw keeps the messages but not the tag: nothing can be checked.
     const Checked raw = check(sim::logcat::write(lines, "raw"));
@@ -474,14 +483,17 @@ TEST_F(LogcheckTest, ALineLongerThanAnyBufferIsOneLine) {
     EXPECT_EQ(got.stats.skipped, 1u);
 }
 
-// The program as scripts run it: its exit status and its output.
-std::pair<int, std::string> program(const std::string& arguments, const std::string& input = "") {
+// The program as scripts run it: its exit status and its output. The log is
+// a file named last, or standard input.
+enum class From { File, Stdin };
+std::pair<int, std::string> program(const std::string& arguments, const std::string& input = "",
+                                    From from = From::File) {
     char path[] = "/tmp/logcheck-XXXXXX";
     const int fd = mkstemp(path);
     EXPECT_EQ(write(fd, input.data(), input.size()), static_cast<ssize_t>(input.size()));
     close(fd);
     const std::string command = std::string(LOGCHECK_RUNNER " " LOGCHECK_PROGRAM " ") + arguments +
-                                " " + path + " 2>&1";
+                                (from == From::File ? " " : " < ") + path + " 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
     std::string output;
     char chunk[4096];
@@ -512,9 +524,16 @@ TEST_F(LogcheckTest, TheVerdictComesFirstWithAnExitStatusOfItsOwn) {
              {3, "postproc-logcheck: nothing checked: no KyCamAdapter line in 1 lines"}},
     };
     for (const auto& [input, answer] : kCases) {
-        const auto [status, output] = program("", input);
-        EXPECT_EQ(Answer(status, firstLine(output)), answer);
+        for (From from : {From::File, From::Stdin}) {
+            const auto [status, output] = program("", input, from);
+            EXPECT_EQ(Answer(status, firstLine(output)), answer);
+        }
     }
+    // What the log could not support, and the settings it needs.
+    EXPECT_THAT(program("", cleanProcess(1234)).second,
+                HasSubstr("\nnot checked:\n  chi-meta-leak, chi-meta-double-destroy, "
+                          "reference-underflow: no Info line of group 64\n  debug-data-leak of "
+                          "freed buffers: no Debug line of group 64\n"));
     EXPECT_THAT(program("", other(1100, 1100, 'I', "CameraService", "frame 1")).second,
                 HasSubstr(", 1 of other tags,"));
     // -B on text finds no entry.

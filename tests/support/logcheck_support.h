@@ -23,6 +23,7 @@ struct Found {
     int boot;
     std::vector<uint64_t> evidence;
     std::string detail;
+    int32_t pid = 0;
     std::string text() const {
         char head[96];
         snprintf(head, sizeof(head), "%s 0x%llx %s", kind.c_str(),
@@ -71,7 +72,7 @@ inline Checked check(const std::string& log, logcheck::Format format = logcheck:
         for (const logcheck::Finding& f : process.findings) {
             checked.findings.push_back({logcheck::kindName(f.kind), f.object,
                                         f.rule != nullptr ? f.rule : "-", f.certain, f.processEnded,
-                                        f.boot, f.evidence, f.detail});
+                                        f.boot, f.evidence, f.detail, f.pid});
             checked.texts.push_back(checked.findings.back().text());
         }
     }
