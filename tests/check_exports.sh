@@ -34,24 +34,40 @@ printf '%s\n' "$exported" | grep -qx 'vtable for adapter::QcomPostProcInfo' ||
 # The framework calls slot k of whatever vtable a record carries: the vtable's
 # relocations name, slot by slot, the functions it links against there. The
 # two words before slot 0 (offset to top, type info) stay null: no RTTI.
-slots='_ZN7adapter16QcomPostProcInfoD1Ev _ZN7adapter16QcomPostProcInfoD0Ev
-_ZN7adapter16QcomPostProcInfo7setNameENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE
-_ZN7adapter16QcomPostProcInfo11setMediatorESt10shared_ptrIN5kycam9IMediatorEE
-_ZNK7adapter16QcomPostProcInfo7getNameB5cxx11Ev _ZN7adapter16QcomPostProcInfo5cloneEb
+# Standard library types are named as the library was built: libc++'s
+# (std::__1, the phone's) or libstdc++'s (a glibc host's).
+if nm -D "$lib" | grep -q 'NSt3__1'; then
+    string='NSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE'
+    mediator='NSt3__110shared_ptrIN5kycam9IMediatorEEE'
+    name='7getNameEv'
+    function='NSt3__18functionIFNS4_12basic_stringIcNS4_11char_traitsIcEENS4_9allocatorIcEEEEvEEEb'
+else
+    string='NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE'
+    mediator='St10shared_ptrIN5kycam9IMediatorEE'
+    name='7getNameB5cxx11Ev'
+    function='St8functionIFNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEvEEb'
+fi
+slots="_ZN7adapter16QcomPostProcInfoD1Ev _ZN7adapter16QcomPostProcInfoD0Ev
+_ZN7adapter16QcomPostProcInfo7setNameE$string
+_ZN7adapter16QcomPostProcInfo11setMediatorE$mediator
+_ZNK7adapter16QcomPostProcInfo$name _ZN7adapter16QcomPostProcInfo5cloneEb
 _ZN7adapter16QcomPostProcInfo12shallowCloneEb _ZN7adapter16QcomPostProcInfo18needUpdateToKymetaEv
 _ZN7adapter16QcomPostProcInfo18createTuningParamsEv
-_ZN7adapter16QcomPostProcInfo17getTuningMetaBufsERN5kycam16TuningParamsBaseESt8functionIFNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEvEEb
+_ZN7adapter16QcomPostProcInfo17getTuningMetaBufsERN5kycam16TuningParamsBaseE$function
 _ZN7adapter16QcomPostProcInfo17setTuningMetaBufsERN5kycam16TuningParamsBaseE
 _ZN7adapter16QcomPostProcInfo21destroyTuningMetaBufsEv _ZN7adapter16QcomPostProcInfo21releaseTuningMetaBufsEb
 _ZN7adapter16QcomPostProcInfo20createTuningMetaBufsEv
-_ZN12PostProcInfo17onPipelineStartedEv _ZN12PostProcInfo18onPipelineFinishedEv'
+_ZN12PostProcInfo17onPipelineStartedEv _ZN12PostProcInfo18onPipelineFinishedEv"
+# The phone's build packs its relocations (Android's own format), which
+# LLVM's readelf reads.
+readelf=$(command -v llvm-readelf-14 || command -v readelf)
 set -- $(nm -D -S "$lib" | awk '$4 == "_ZTVN7adapter16QcomPostProcInfoE" { print $1, $2 }')
 start=$((0x$1)) size=$((0x$2)) found= expected=
 while read -r offset info type value name rest; do
     at=$((0x$offset - start))
     if [ $at -ge 0 ] && [ $at -lt $size ]; then found="$found $at:$name"; fi
 done <<EOF
-$(readelf -rW "$lib" | grep -E '^[0-9a-f]+ ' | sort)
+$($readelf -rW "$lib" | grep -E '^[0-9a-f]+ ' | sort)
 EOF
 at=16
 for s in $slots; do expected="$expected $at:$s"; at=$((at + 8)); done
