@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // libcutils' property functions, which Debian's host libcutils does not
-// ship, served from libbase's in-process property store.
+// ship, served from libbase's in-process property store (or, built with
+// libc++, which Debian's libbase is not, from one of its own).
 #include <cutils/properties.h>
 #include <sim/properties.h>
 
@@ -9,12 +10,41 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <android-base/properties.h>
-
 #include <mutex>
 #include <string>
 
+#ifdef SIM_PROPERTIES_OWN_STORE
+#include <map>
+#else
+#include <android-base/properties.h>
+#endif
+
 namespace {
+
+#ifdef SIM_PROPERTIES_OWN_STORE
+std::mutex gStoreMutex;
+std::map<std::string, std::string> gStore;
+
+bool setProperty(const std::string& key, const std::string& value) {
+    std::lock_guard<std::mutex> lock(gStoreMutex);
+    gStore[key] = value;
+    return true;
+}
+
+std::string getProperty(const std::string& key) {
+    std::lock_guard<std::mutex> lock(gStoreMutex);
+    auto found = gStore.find(key);
+    return found != gStore.end() ? found->second : std::string();
+}
+#else
+bool setProperty(const std::string& key, const std::string& value) {
+    return android::base::SetProperty(key, value);
+}
+
+std::string getProperty(const std::string& key) {
+    return android::base::GetProperty(key, "");
+}
+#endif
 
 // Seeds the store from the environment once, before the first access. A
 // malformed entry stops the process: a run against properties other than
@@ -42,7 +72,7 @@ void seedFromEnvironment() {
                         sim::properties::kEnvironment, pair.c_str(), PROPERTY_VALUE_MAX);
                 exit(2);
             }
-            android::base::SetProperty(pair.substr(0, equals), pair.substr(equals + 1));
+            setProperty(pair.substr(0, equals), pair.substr(equals + 1));
             start = end + 1;
         }
     });
@@ -50,7 +80,7 @@ void seedFromEnvironment() {
 
 std::string lookup(const char* key) {
     seedFromEnvironment();
-    return key != nullptr ? android::base::GetProperty(key, "") : std::string();
+    return key != nullptr ? getProperty(key) : std::string();
 }
 
 // strtoimax with the base inferred; the default when empty, partly numeric
@@ -109,7 +139,7 @@ int32_t property_get_int32(const char* key, int32_t default_value) {
 
 int property_set(const char* key, const char* value) {
     seedFromEnvironment();
-    return android::base::SetProperty(key, value != nullptr ? value : "") ? 0 : -1;
+    return setProperty(key, value != nullptr ? value : "") ? 0 : -1;
 }
 
 }  // extern "C"

@@ -594,7 +594,9 @@ void QcomPostProcInfo::destroyChiMeta(void*& chiMetaHandle) {
         return;
     }
     // A diagnostic only: objects the HAL made and the record adopted are
-    // destroyed here too, so the count may pass below zero.
+    // destroyed here too, so the count may pass below zero. The atomic
+    // read-modify-write wraps untrapped under the phone's integer overflow
+    // sanitizer; arithmetic on its result (as in --mChiMetaSum) would not.
     mChiMetaSum.fetch_sub(1, std::memory_order_acq_rel);
     KYA_LOGI(META, "Destroy ChiMeta %p ref %u ChimetaSum %d", handle,
              asChiMeta(handle)->ReferenceCount(), chiMetaSumForLog());
