@@ -27,6 +27,10 @@ check-example: deps
 		-DCMAKE_BUILD_TYPE=Release -DPOSTPROC_BUILD_TESTS=OFF -DPOSTPROC_BUILD_DEMO=OFF && \
 		$(CMAKE) --build $(EXAMPLE_DIR)/project -j$(JOBS) && \
 		$(CMAKE) --install $(EXAMPLE_DIR)/project --prefix $(EXAMPLE_PREFIX)'
+	! ls $(EXAMPLE_PREFIX)/lib/libiqdbgmgr.so* 2>/dev/null || \
+		{ echo "check-example: the stand-in IQ buffer manager is in the consumer's lib/"; exit 1; }
+	! grep -rl 'liblog\.so' $(EXAMPLE_PREFIX)/lib/cmake $(EXAMPLE_PREFIX)/lib/pkgconfig || \
+		{ echo "check-example: the package names a liblog.so file of this machine"; exit 1; }
 	$(call QUIETLY,$(EXAMPLE_DIR)/package.log) sh -c '$(CMAKE) -S examples \
 		-B $(EXAMPLE_DIR)/package -DCMAKE_PREFIX_PATH=$(EXAMPLE_PREFIX) && \
 		$(CMAKE) --build $(EXAMPLE_DIR)/package && $(EXAMPLE_DIR)/package/ledger_example'

@@ -2,6 +2,8 @@
 // Record lifetime and the log conventions: the instance counter, the
 // lifetime lines, and which sink writes under which level, group and mask.
 // (The manager's registration at the 0/1 boundaries: stress_test.cpp.)
+#include <dlfcn.h>
+
 #include "support/sim_test.h"
 
 using adapter::QcomPostProcInfo;
@@ -16,6 +18,18 @@ class RecordTest : public SimTest {
         ASSERT_EQ(QcomPostProcInfo::mSum, 0u);
     }
 };
+
+// On a phone that ships the real IQ buffer manager, the suite must still run
+// against the simulation's: the manager the library opened is the one this
+// program linked.
+TEST_F(RecordTest, TheManagerTheLibraryOpenedIsTheSimulations) {
+    void* opened = dlopen("libiqdbgmgr.so", RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(opened, nullptr) << "no libiqdbgmgr.so in the process";
+    EXPECT_NE(dlsym(opened, "SimIqbmEntryPointCalls"), nullptr)
+            << "the library opened another libiqdbgmgr.so than the simulation's (the phone's "
+               "own?): the test must find its own first (see docs/target.md)";
+    dlclose(opened);
+}
 
 TEST_F(RecordTest, LifetimeLinesCountAfterAndBeforeOnBothSinks) {
     sim::kycam::setLogConfig(3, KYA_LOG_GROUP_POSTPROC, 1);
