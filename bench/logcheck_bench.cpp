@@ -6,14 +6,17 @@
 // KyCamAdapter on the same file is what a person compares it with. Items/s
 // is lines a second; heap_kib the heap the ledgers hold at the end of the
 // log, which follows the objects alive, not the log's length. Last, a host
-// that leaks a record per frame: 20,000 of them, read and reported.
+// that leaks a record per frame: 20,000 of them, read and reported. Then
+// the page of 1M and 10M lines, and 100 bug reports checked two at a time.
 #include <benchmark/benchmark.h>
 #include <logcheck.h>
 #include <malloc.h>
 #include <sim/logcat.h>
 #include <sim/session.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <ziparchive/zip_writer.h>
 
 #include <chrono>
 
@@ -154,6 +157,80 @@ void BM_LogcheckReportsALeakingHost(benchmark::State& state) {
     state.counters["findings"] = static_cast<double>(run.findings);
 }
 BENCHMARK(BM_LogcheckReportsALeakingHost)->Unit(benchmark::kMillisecond);
+
+// The page of a phone's log: read, decided and drawn, its size.
+void BM_LogcheckDrawsThePage(benchmark::State& state) {
+    const std::string& path = logFile(state.range(0));
+    const std::string page = path + ".html";
+    logcheck::RunOptions options;
+    options.html = page.c_str();
+    const volatile sig_atomic_t stop = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(logcheck::checkLog(path, options, nullptr, &stop));
+    }
+    struct stat status = {};
+    stat(page.c_str(), &status);
+    state.counters["page_kib"] = static_cast<double>(status.st_size) / 1024;
+    state.SetItemsProcessed(static_cast<int64_t>(check(path).lines) * state.iterations());
+    unlink(page.c_str());
+}
+BENCHMARK(BM_LogcheckDrawsThePage)
+        ->Arg(1000000)
+        ->Arg(10000000)
+        ->Iterations(2)
+        ->Unit(benchmark::kMillisecond);
+
+// A fleet's bug reports: each a zip of one phone's log (its provider's
+// sessions among the phone's other lines), checked two at a time as -j 2.
+const std::vector<std::string>& bugReports() {
+    static std::vector<std::string> paths;
+    if (!paths.empty()) {
+        return paths;
+    }
+    for (int phone = 0; phone < 100; ++phone) {
+        sim::session::Options options;
+        options.seed = 1000 + static_cast<uint64_t>(phone);
+        options.requestThreads = 3;
+        options.inFlight = 4;
+        options.requests = 200;
+        options.broken =
+                phone % 10 == 0 ? sim::session::Rule::RecordLifetime : sim::session::Rule::None;
+        sim::logcat::Phone noise;
+        noise.seed = options.seed;
+        noise.noise = 18;
+        const std::string text =
+                "== dumpstate: 2026-11-23 10:00:00\n------ SYSTEM LOG (logcat -v threadtime -v "
+                "printable -v uid -d *:v) ------\n" +
+                sim::logcat::phoneLog(sim::session::run(options).lines, noise) +
+                "------ 0.125s was the duration of 'SYSTEM LOG' ------\n";
+        char name[] = "/tmp/logcheck-bugreport-XXXXXX";
+        FILE* file = fdopen(mkstemp(name), "w");
+        ZipWriter writer(file);
+        writer.StartEntry("bugreport-phone-2026-11-23.txt", ZipWriter::kCompress);
+        writer.WriteBytes(text.data(), text.size());
+        writer.FinishEntry();
+        writer.Finish();
+        fclose(file);
+        paths.push_back(name);
+        gMade.push_back(name);
+    }
+    return paths;
+}
+
+void BM_LogcheckChecksAFleet(benchmark::State& state) {
+    const std::vector<std::string>& reports = bugReports();
+    logcheck::RunOptions options;
+    const volatile sig_atomic_t stop = 0;
+    static FILE* const sink = fopen("/dev/null", "w");
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(logcheck::checkLogs(reports, options, 2, sink, &stop));
+    }
+    state.counters["logs_per_s"] = benchmark::Counter(
+            static_cast<double>(reports.size()) * static_cast<double>(state.iterations()),
+            benchmark::Counter::kIsRate);
+}
+// Two threads: wall time.
+BENCHMARK(BM_LogcheckChecksAFleet)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // The two on the same file in one run, best of five each.
 void compareWithGrep() {

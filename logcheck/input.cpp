@@ -641,6 +641,7 @@ bool TextParser::parseLongHeader(std::string_view line) {
     mLongEntry.tid = numbers[count - 1];
     mLongEntry.priority = inside[slash - 1];
     mLongTag.assign(trim(inside.substr(slash + 1)));
+    mLongStamp.assign(inside.substr(0, time == std::string_view::npos ? 0 : time));
     return true;
 }
 
@@ -650,6 +651,7 @@ TextParser::Result TextParser::feed(std::string_view raw, uint64_t number, Entry
         mLong = Long::Message;
         *entry = mLongEntry;
         entry->tag = mLongTag;
+        entry->stamp = mLongStamp;
         entry->message = line;
         return Result::Entry;
     }
@@ -679,8 +681,11 @@ TextParser::Result TextParser::feed(std::string_view raw, uint64_t number, Entry
     }
     Format seen = format;
     bool parsed = false;
+    entry->stamp = {};
     if (format == Format::Threadtime) {
-        parsed = parseThreadtime(line, skipTime(line), entry);
+        const size_t time = skipTime(line);
+        parsed = parseThreadtime(line, time, entry);
+        entry->stamp = line.substr(0, time);
     } else if (format == Format::Raw) {
         parsed = false;
     } else if (format == Format::Time ||
@@ -693,6 +698,7 @@ TextParser::Result TextParser::feed(std::string_view raw, uint64_t number, Entry
             parsed = parseThreadtime(line, time, entry);
             seen = Format::Threadtime;
         }
+        entry->stamp = time != std::string_view::npos ? line.substr(0, time) : std::string_view();
     } else {
         parsed = parseLetterFirst(line, 0, format, entry, &seen);
     }
@@ -778,6 +784,10 @@ BinaryReader::Result BinaryReader::next(Entry* entry) {
     entry->priority = priority < 8 ? "??VDIWEF"[priority] : '?';
     entry->tag = std::string_view(decoded.tag, strnlen(decoded.tag, decoded.tagLen));
     entry->message = std::string_view(decoded.message, decoded.messageLen);
+    // As -v epoch prints it.
+    const int length = snprintf(mStamp, sizeof(mStamp), "%lld.%09ld",
+                                static_cast<long long>(decoded.tv_sec), decoded.tv_nsec);
+    entry->stamp = std::string_view(mStamp, static_cast<size_t>(std::max(length, 0)));
     return Result::Entry;
 #endif
 }

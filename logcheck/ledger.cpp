@@ -260,6 +260,10 @@ class Ledger {
     uint64_t firstLine() const { return mProcess.firstLine; }
     uint64_t lastLine() const { return mProcess.lastLine; }
     void add(const Entry& entry, const Line& line);
+    // What is alive after the entry, for the timeline.
+    void sample(const Entry& entry) {
+        mProcess.timeline.add(entry.line, stampSeconds(entry.stamp), mProcess.totals);
+    }
     // Another tag's line on a thread of this process.
     void other(int32_t tid) {
         auto found = mThreads.find(tid);
@@ -1486,6 +1490,7 @@ void Checker::add(const Entry& entry) {
     mSeen.threadIds = mSeen.threadIds || entry.tid != 0;
     mLast = &ledger(entry);
     mLast->add(entry, line);
+    mLast->sample(entry);
 }
 
 // logd's own lines: "identical N lines" folds copies of the line before on

@@ -26,7 +26,13 @@ struct Entry {
     char priority = '?';   // V D I W E F
     std::string_view tag;  // empty where the format prints none
     std::string_view message;
+    std::string_view stamp;  // the time as printed; empty where the format prints none
 };
+
+// A time stamp as logcat prints it ("MM-DD hh:mm:ss.fff", with a year, epoch
+// or monotonic seconds, a zone) in seconds; NaN where there is none. Without
+// a year, seconds since the year began.
+double stampSeconds(std::string_view stamp);
 
 // logcat's -v formats; Auto recognises each line by itself.
 enum class Format { Auto, Threadtime, Brief, Time, Long, Tag, Process, Thread, Raw, Binary };
@@ -95,6 +101,7 @@ class TextParser {
     enum class Long { None, Header, Message } mLong = Long::None;
     Entry mLongEntry;
     std::string mLongTag;
+    std::string mLongStamp;
 };
 
 // Entries of `logcat -B`, each decoded by liblog's own
@@ -109,6 +116,7 @@ class BinaryReader {
   private:
     Reader& mBytes;
     std::vector<char> mEntry;
+    char mStamp[32];
 };
 
 // Most severe first.
@@ -163,6 +171,42 @@ struct Seen {
     bool threadIds = false;  // entries carry their thread (not brief, time, tag, process)
 };
 
+// The objects alive over a process's lines, in bounded memory: at most
+// kMost points, each the least and most alive over a span of lines, spans
+// doubling as the log grows.
+class Timeline {
+  public:
+    static constexpr size_t kMost = 512;
+    enum Family { Records, ChiMetas, DebugData, kFamilies };
+    struct Point {
+        uint64_t line;  // its span's first library line
+        double time;    // seconds there; NaN where the format prints none
+        uint64_t low[kFamilies];
+        uint64_t high[kFamilies];
+        uint64_t lastLine;  // its span's last library line, and what was alive after it
+        double lastTime;
+        uint64_t last[kFamilies];
+    };
+    // After a library line: what is alive now.
+    void add(uint64_t line, double time, const Totals& totals);
+    const std::vector<Point>& points() const { return mPoints; }
+    // Every point has a time: draw over time, else over lines.
+    bool timed() const { return !mPoints.empty() && mTimed; }
+    // The point whose span holds the line (the first, before them all).
+    const Point* at(uint64_t line) const;
+    // The time at a line, from its span's ends; NaN when not timed.
+    double timeAt(uint64_t line) const;
+
+  private:
+    std::vector<Point> mPoints;
+    uint64_t mFirst = 0;
+    uint64_t mSpan = 1;
+    bool mTimed = true;
+    // A log without years runs on past New Year: later stamps are moved on.
+    double mLastTime = 0;
+    double mYears = 0;
+};
+
 struct Process {
     int32_t pid = 0;
     int boot = 0;
@@ -171,6 +215,7 @@ struct Process {
     uint64_t lastLine = 0;
     Totals totals;
     std::vector<Finding> findings;
+    Timeline timeline;
 };
 
 // What the log could not tell, with the line it begins at.
@@ -253,6 +298,7 @@ struct ReportOptions {
     bool all = false;  // every finding, not the first of each rule past a screenful
     // Texts of evidence lines, when the input could be read again.
     const std::map<uint64_t, std::string>* texts = nullptr;
+    const char* log = nullptr;  // the log's name, where there are several
 };
 
 // One finding on one line, as the live output prints it.
@@ -266,5 +312,60 @@ void printHuman(FILE* out, const Checker& checker, const InputStats& input,
                 const ReportOptions& options);
 void printJson(FILE* out, const Checker& checker, const InputStats& input,
                const ReportOptions& options);
+// One page a browser opens by itself: per process, the objects alive over
+// the log's time (or its lines) with each finding marked where its evidence
+// begins and the first leaked object of each rule called out, then the
+// findings by rule with what to do and their evidence.
+void printHtml(FILE* out, const Checker& checker, const InputStats& input,
+               const ReportOptions& options);
+// The same counters and findings in the Trace Event Format, which
+// ui.perfetto.dev and chrome://tracing open.
+void printTrace(FILE* out, const Checker& checker);
+
+// How the program reports one log or many.
+struct RunOptions {
+    Format format = Format::Auto;
+    bool json = false;            // one log: one JSON object
+    bool jsonl = false;           // each log: one JSON object on a line of its own
+    bool all = false;             // every finding, also past a screenful
+    const char* html = nullptr;   // one log: the page, written here
+    const char* trace = nullptr;  // one log: the trace, written here
+};
+
+// What one log came to.
+struct LogResult {
+    std::string path;
+    int status = 0;        // exitStatus(), or 2 when it could not be read or reported
+    std::string sentence;  // the verdict's sentence, or why it could not be read
+    std::string json;      // with jsonl, its line
+    struct RuleCount {
+        std::string rule;
+        size_t findings;
+        uint64_t firstLine;
+    };
+    std::vector<RuleCount> rules;  // by rule, as the report groups them
+};
+
+// Reads one log ("-": standard input) and reports it: in full on out when
+// there is one, as a page and a trace where asked.
+LogResult checkLog(const std::string& path, const RunOptions& options, FILE* out,
+                   const volatile sig_atomic_t* stop,
+                   const std::function<void(const Finding&)>& live = nullptr);
+
+// The logs named: files as they are, a directory's files (recursively, in
+// name order), and the paths listed one per line in each list ("-":
+// standard input). False with the reason when a list or directory cannot be
+// read.
+bool listLogs(const std::vector<std::string>& named, const std::vector<std::string>& lists,
+              std::vector<std::string>* logs, std::string* error);
+
+// Checks the logs, jobs at a time: one line per log in the order given (or
+// its --jsonl object), then a summary by rule across them. The worst status.
+int checkLogs(const std::vector<std::string>& logs, const RunOptions& options, int jobs, FILE* out,
+              const volatile sig_atomic_t* stop);
+
+// The worse of two exit statuses: unreadable (2), findings (1), nothing
+// checked (3), clean (0).
+int worse(int a, int b);
 
 }  // namespace logcheck

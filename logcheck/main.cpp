@@ -6,6 +6,7 @@
 #include <getopt.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,7 +22,8 @@ void onInterrupt(int) {
 }
 
 const char kUsage[] =
-        "usage: postproc-logcheck [-v FORMAT] [-B] [--json] [--all] [FILE...]\n"
+        "usage: postproc-logcheck [-v FORMAT] [-B] [--json | --jsonl] [--all] [--html FILE]\n"
+        "                         [--trace FILE] [-j N] [--from LIST] [LOG...]\n"
         "Rebuilds libpostprocinfo's ledger from a log and reports what its host broke:\n"
         "leaks, double destroys, references below zero.\n"
         "\n"
@@ -30,41 +32,52 @@ const char kUsage[] =
         "                       usec, nsec, zone, UTC, epoch, monotonic, printable,\n"
         "                       descriptive); default: recognised line by line\n"
         "  -B, --binary         the input is adb logcat -B (default: recognised)\n"
-        "      --json           one JSON object on standard output\n"
+        "      --json           one JSON object on standard output (one log)\n"
+        "      --jsonl          one JSON object per log, one per line\n"
         "      --all            every finding, also past a screenful\n"
+        "      --html=FILE      a page a browser opens: objects alive over time, findings\n"
+        "                       marked, and by rule (one log)\n"
+        "      --trace=FILE     the same in the Trace Event Format, for ui.perfetto.dev\n"
+        "                       and chrome://tracing (one log)\n"
+        "  -j, --jobs=N         check N logs at a time (default 1)\n"
+        "      --from=LIST      also check the logs listed in LIST, one path a line\n"
+        "                       (\"-\": standard input)\n"
         "  -h, --help           this text\n"
         "\n"
-        "A FILE is a log (adb logcat's output, -B's too), a bug report (its text, or\n"
-        "its .zip), or either gzipped; \"-\" or none is standard input. Files are read\n"
-        "one after another; line numbers run on across them. Reading a pipe, findings\n"
-        "are printed as they are found; the summary follows at the end of input or on\n"
-        "Ctrl-C.\n"
+        "A LOG is a log (adb logcat's output, -B's too), a bug report (its text, or its\n"
+        "zip), either gzipped, or a directory of them; \"-\" or none is standard input.\n"
+        "Reading a pipe, findings are printed as they are found; the summary follows at\n"
+        "the end of input or on Ctrl-C. Several logs: one line each, then a summary by\n"
+        "rule across them.\n"
         "Exit status: 0 clean, 1 findings, 2 usage error or unreadable input,\n"
-        "3 nothing checked (no line of the library's in the input).\n";
+        "3 nothing checked (no line of the library's in the input); of several logs,\n"
+        "the worst: 2, then 1, then 3.\n";
 
 int usageError(const std::string& reason) {
     fprintf(stderr, "postproc-logcheck: %s\n%s", reason.c_str(), kUsage);
     return 2;
 }
 
-struct Input {
-    const char* path;
-    uint64_t firstLine;  // the line numbers it holds
-    uint64_t lastLine;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    static const option kOptions[] = {
-            {"format", required_argument, nullptr, 'v'}, {"binary", no_argument, nullptr, 'B'},
-            {"json", no_argument, nullptr, 'j'},         {"all", no_argument, nullptr, 'a'},
-            {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
-    logcheck::Format format = logcheck::Format::Auto;
-    logcheck::ReportOptions report;
-    bool json = false;
+    enum { kJson = 256, kJsonl, kAll, kHtml, kTrace, kFrom };
+    static const option kOptions[] = {{"format", required_argument, nullptr, 'v'},
+                                      {"binary", no_argument, nullptr, 'B'},
+                                      {"json", no_argument, nullptr, kJson},
+                                      {"jsonl", no_argument, nullptr, kJsonl},
+                                      {"all", no_argument, nullptr, kAll},
+                                      {"html", required_argument, nullptr, kHtml},
+                                      {"trace", required_argument, nullptr, kTrace},
+                                      {"jobs", required_argument, nullptr, 'j'},
+                                      {"from", required_argument, nullptr, kFrom},
+                                      {"help", no_argument, nullptr, 'h'},
+                                      {nullptr, 0, nullptr, 0}};
+    logcheck::RunOptions options;
+    std::vector<std::string> lists;
+    int jobs = 1;
     int option;
-    while ((option = getopt_long(argc, argv, "v:Bh", kOptions, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, "v:Bj:h", kOptions, nullptr)) != -1) {
         switch (option) {
             case 'v': {
                 logcheck::Format named;
@@ -72,17 +85,35 @@ int main(int argc, char** argv) {
                     return usageError(std::string("unknown format: ") + optarg);
                 }
                 // logcat takes -v once per word: a format named before stays.
-                format = named != logcheck::Format::Auto ? named : format;
+                options.format = named != logcheck::Format::Auto ? named : options.format;
                 break;
             }
             case 'B':
-                format = logcheck::Format::Binary;
+                options.format = logcheck::Format::Binary;
+                break;
+            case kJson:
+                options.json = true;
+                break;
+            case kJsonl:
+                options.jsonl = true;
+                break;
+            case kAll:
+                options.all = true;
+                break;
+            case kHtml:
+                options.html = optarg;
+                break;
+            case kTrace:
+                options.trace = optarg;
                 break;
             case 'j':
-                json = true;
+                jobs = atoi(optarg);
+                if (jobs < 1 || jobs > 256) {
+                    return usageError(std::string("jobs must be 1 to 256: ") + optarg);
+                }
                 break;
-            case 'a':
-                report.all = true;
+            case kFrom:
+                lists.push_back(optarg);
                 break;
             case 'h':
                 fputs(kUsage, stdout);
@@ -91,72 +122,48 @@ int main(int argc, char** argv) {
                 return usageError("unknown option");
         }
     }
-    std::vector<Input> inputs;
-    for (int i = optind; i < argc; ++i) {
-        inputs.push_back({argv[i], 0, 0});
+    std::vector<std::string> named(argv + optind, argv + argc);
+    if (named.empty() && lists.empty()) {
+        named.push_back("-");
     }
-    if (inputs.empty()) {
-        inputs.push_back({"-", 0, 0});
+    std::vector<std::string> logs;
+    std::string error;
+    if (!logcheck::listLogs(named, lists, &logs, &error)) {
+        fprintf(stderr, "postproc-logcheck: %s\n", error.c_str());
+        return 2;
+    }
+    if (options.json && options.jsonl) {
+        return usageError("--json is one log's object, --jsonl one per log: take one");
+    }
+    const bool one = logs.size() == 1 && !options.jsonl;
+    if (!one && (options.html != nullptr || options.trace != nullptr)) {
+        return usageError("--html and --trace draw one log; " + std::to_string(logs.size()) +
+                          " are named");
+    }
+    if (!one && options.json) {
+        return usageError("--json is one log's object; for several, --jsonl");
     }
 
     struct sigaction action = {};
     action.sa_handler = onInterrupt;  // no SA_RESTART: a blocked read returns
     sigaction(SIGINT, &action, nullptr);
 
+    if (!one) {
+        return logcheck::checkLogs(logs, options, jobs, stdout, &gInterrupted);
+    }
     struct stat status = {};
-    const bool live = !json && inputs.size() == 1 && strcmp(inputs[0].path, "-") == 0 &&
-                      fstat(STDIN_FILENO, &status) == 0 && !S_ISREG(status.st_mode);
-    logcheck::Checker checker([live](const logcheck::Finding& finding) {
-        if (live) {
-            printf("finding: %s\n", logcheck::describe(finding).c_str());
-            fflush(stdout);
-        }
-    });
-    logcheck::InputStats stats;
-    stats.format = format;
-    for (Input& input : inputs) {
-        const bool standardInput = strcmp(input.path, "-") == 0;
-        const char* name = standardInput ? "standard input" : input.path;
-        int error = 0;
-        std::string reason;
-        std::unique_ptr<logcheck::Source> source = logcheck::openLog(input.path, &error, &reason);
-        input.firstLine = stats.lines + 1;
-        if (!source ||
-            !logcheck::readLog(*source, format, checker, stats, &reason, &gInterrupted)) {
-            fprintf(stderr, "postproc-logcheck: %s: %s\n", name,
-                    !reason.empty() ? reason.c_str() : strerror(error));
-            return 2;
-        }
-        input.lastLine = stats.lines;
+    const bool live = !options.json && logs[0] == "-" && fstat(STDIN_FILENO, &status) == 0 &&
+                      !S_ISREG(status.st_mode);
+    const logcheck::LogResult result = logcheck::checkLog(
+            logs[0], options, stdout, &gInterrupted, [live](const logcheck::Finding& finding) {
+                if (live) {
+                    printf("finding: %s\n", logcheck::describe(finding).c_str());
+                    fflush(stdout);
+                }
+            });
+    if (result.status == 2) {
+        fprintf(stderr, "postproc-logcheck: %s: %s\n",
+                logs[0] == "-" ? "standard input" : logs[0].c_str(), result.sentence.c_str());
     }
-    stats.interrupted = gInterrupted != 0;
-    checker.finish();
-
-    // The evidence lines' texts, from every input that can be read again.
-    std::map<uint64_t, std::string> texts;
-    const std::vector<uint64_t> cited = logcheck::citedLines(checker);
-    for (const Input& input : inputs) {
-        std::vector<uint64_t> own;
-        for (uint64_t line : cited) {
-            if (line >= input.firstLine && line <= input.lastLine) {
-                own.push_back(line - input.firstLine + 1);
-            }
-        }
-        int error = 0;
-        std::string reason;
-        std::unique_ptr<logcheck::Source> again;
-        if (!own.empty() && strcmp(input.path, "-") != 0 &&
-            (again = logcheck::openLog(input.path, &error, &reason))) {
-            for (auto& [line, text] : logcheck::evidenceLines(*again, own)) {
-                texts.emplace(line + input.firstLine - 1, std::move(text));
-            }
-        }
-    }
-    report.texts = &texts;
-    if (json) {
-        logcheck::printJson(stdout, checker, stats, report);
-    } else {
-        logcheck::printHuman(stdout, checker, stats, report);
-    }
-    return logcheck::exitStatus(logcheck::verdict(checker));
+    return result.status;
 }

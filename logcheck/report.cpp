@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "logcheck.h"
+#include "report.h"
 
 namespace logcheck {
 
@@ -15,12 +15,19 @@ namespace {
 constexpr size_t kScreenful = 20;
 constexpr size_t kShownPerRule = 5;
 
+}  // namespace
+
 const char* ruleName(const Finding& f) {
     return f.rule != nullptr ? f.rule : "(no rule)";
 }
 
-// All findings, grouped by rule: rules in the order of their most severe
-// finding, findings by kind, certain first, then where they are.
+const char* whatToDo(const Finding& f) {
+    const char* what = advice(f.rule);
+    return what != nullptr ? what
+                           : "lines are missing from the log: keep logd from dropping them (adb "
+                             "logcat -G 16M, logcat -P '') and check again";
+}
+
 std::vector<const Finding*> grouped(const Checker& checker) {
     std::vector<const Finding*> all;
     for (const Process& process : checker.processes()) {
@@ -61,6 +68,8 @@ std::string pointer(uint64_t object) {
     snprintf(text, sizeof(text), "0x%" PRIx64, object);
     return text;
 }
+
+namespace {
 
 // The checks the log's lines could not support, and why.
 std::vector<std::string> notChecked(const Checker& checker) {
@@ -112,45 +121,52 @@ std::string nothingReason(const InputStats& input) {
     return "no KyCamAdapter line in " + std::to_string(input.lines) + " lines";
 }
 
-// A JSON string: control characters escaped, bytes that are not UTF-8
-// replaced by U+FFFD.
+}  // namespace
+
+size_t utf8Length(std::string_view text, size_t i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c < 0x80) {
+        return 1;
+    }
+    const size_t length = c >= 0xf0 && c <= 0xf4 ? 4 : c >= 0xe0 ? 3 : c >= 0xc2 ? 2 : 0;
+    bool valid = length != 0 && i + length <= text.size() && c <= 0xf4;
+    for (size_t k = 1; valid && k < length; ++k) {
+        valid = (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80;
+    }
+    if (valid && length == 3) {  // no overlong form, no surrogate
+        const unsigned char next = static_cast<unsigned char>(text[i + 1]);
+        valid = !(c == 0xe0 && next < 0xa0) && !(c == 0xed && next >= 0xa0);
+    } else if (valid && length == 4) {
+        const unsigned char next = static_cast<unsigned char>(text[i + 1]);
+        valid = !(c == 0xf0 && next < 0x90) && !(c == 0xf4 && next >= 0x90);
+    }
+    return valid ? length : 0;
+}
+
+// Control characters escaped, bytes that are not UTF-8 replaced by U+FFFD.
 void jsonString(FILE* out, std::string_view text) {
     fputc('"', out);
     for (size_t i = 0; i < text.size();) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c < 0x80) {
-            if (c == '"' || c == '\\') {
-                fprintf(out, "\\%c", c);
-            } else if (c < 0x20 || c == 0x7f) {
-                fprintf(out, "\\u%04x", c);
-            } else {
-                fputc(c, out);
-            }
+        const size_t length = utf8Length(text, i);
+        if (length == 0) {
+            fputs("\\ufffd", out);
             ++i;
             continue;
         }
-        const size_t length = c >= 0xf0 && c <= 0xf4 ? 4 : c >= 0xe0 ? 3 : c >= 0xc2 ? 2 : 0;
-        bool valid = length != 0 && i + length <= text.size() && c <= 0xf4;
-        for (size_t k = 1; valid && k < length; ++k) {
-            valid = (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80;
-        }
-        if (valid && length == 3) {  // no overlong form, no surrogate
-            const unsigned char next = static_cast<unsigned char>(text[i + 1]);
-            valid = !(c == 0xe0 && next < 0xa0) && !(c == 0xed && next >= 0xa0);
-        } else if (valid && length == 4) {
-            const unsigned char next = static_cast<unsigned char>(text[i + 1]);
-            valid = !(c == 0xf0 && next < 0x90) && !(c == 0xf4 && next >= 0x90);
-        }
-        if (valid) {
-            fwrite(text.data() + i, 1, length, out);
-            i += length;
+        if (c == '"' || c == '\\') {
+            fprintf(out, "\\%c", c);
+        } else if (c < 0x20 || c == 0x7f) {
+            fprintf(out, "\\u%04x", c);
         } else {
-            fputs("\\ufffd", out);
-            ++i;
+            fwrite(text.data() + i, 1, length, out);
         }
+        i += length;
     }
     fputc('"', out);
 }
+
+namespace {
 
 void jsonTotals(FILE* out, const Totals& totals) {
     const std::pair<const char*, const Count*> families[] = {{"records", &totals.records},
@@ -259,22 +275,19 @@ std::vector<uint64_t> citedLines(const Checker& checker) {
     return lines;
 }
 
-void printHuman(FILE* out, const Checker& checker, const InputStats& input,
-                const ReportOptions& options) {
+std::string verdictSentence(const Checker& checker, const InputStats& input) {
     const std::vector<const Finding*> findings = grouped(checker);
-    const std::vector<RuleSummary> rules = byRule(findings);
     const size_t processes = checker.processes().size();
     const size_t uncertain = static_cast<size_t>(std::count_if(
             findings.begin(), findings.end(), [](const Finding* f) { return !f->certain; }));
     switch (verdict(checker)) {
         case Verdict::NothingChecked:
-            fprintf(out, "postproc-logcheck: nothing checked: %s\n", nothingReason(input).c_str());
-            break;
+            return "nothing checked: " + nothingReason(input);
         case Verdict::Clean:
-            fprintf(out, "postproc-logcheck: clean: %" PRIu64 " library %s in %zu %s, no finding\n",
-                    checker.libraryLines(), plural(checker.libraryLines(), "line", "lines"),
-                    processes, plural(processes, "process", "processes"));
-            break;
+            return "clean: " + std::to_string(checker.libraryLines()) + " library " +
+                   plural(checker.libraryLines(), "line", "lines") + " in " +
+                   std::to_string(processes) + " " + plural(processes, "process", "processes") +
+                   ", no finding";
         case Verdict::Findings: {
             std::string kinds;
             for (int k = 0; k <= static_cast<int>(Kind::LinesLost); ++k) {
@@ -286,12 +299,31 @@ void printHuman(FILE* out, const Checker& checker, const InputStats& input,
                              kindName(static_cast<Kind>(k));
                 }
             }
-            fprintf(out, "postproc-logcheck: %zu %s (%zu uncertain) in %zu %s%s\n", findings.size(),
-                    plural(findings.size(), "finding", "findings"), uncertain, processes,
-                    plural(processes, "process", "processes"), kinds.c_str());
-            break;
+            return std::to_string(findings.size()) + " " +
+                   plural(findings.size(), "finding", "findings") + " (" +
+                   std::to_string(uncertain) + " uncertain) in " + std::to_string(processes) + " " +
+                   plural(processes, "process", "processes") + kinds;
         }
     }
+    return {};
+}
+
+std::vector<std::string> notCheckedReasons(const Checker& checker, const InputStats& input) {
+    std::vector<std::string> reasons = notChecked(checker);
+    for (const Caveat& caveat : checker.caveats()) {
+        reasons.push_back(caveat.text);
+    }
+    if (verdict(checker) == Verdict::NothingChecked) {
+        reasons.push_back("every check: " + nothingReason(input));
+    }
+    return reasons;
+}
+
+void printHuman(FILE* out, const Checker& checker, const InputStats& input,
+                const ReportOptions& options) {
+    const std::vector<const Finding*> findings = grouped(checker);
+    const std::vector<RuleSummary> rules = byRule(findings);
+    fprintf(out, "postproc-logcheck: %s\n", verdictSentence(checker, input).c_str());
     const bool long_ = findings.size() > kScreenful;
     if (long_) {
         fprintf(out, "\nby rule:\n  %-26s %9s %9s  %s\n", "rule", "findings", "uncertain", "kinds");
@@ -314,11 +346,7 @@ void printHuman(FILE* out, const Checker& checker, const InputStats& input,
             });
             fprintf(out, "\n%s: %zu %s\n", r.rule.c_str(), r.findings,
                     plural(r.findings, "finding", "findings"));
-            const char* what = advice(f.rule);
-            fprintf(out, "  what to do: %s\n",
-                    what != nullptr ? what
-                                    : "lines are missing from the log: keep logd from dropping "
-                                      "them (adb logcat -G 16M, logcat -P '') and check again");
+            fprintf(out, "  what to do: %s\n", whatToDo(f));
             shown = 0;
         }
         if (!options.all && long_ && shown == kShownPerRule) {
@@ -381,7 +409,13 @@ void printJson(FILE* out, const Checker& checker, const InputStats& input,
     const std::vector<const Finding*> findings = grouped(checker);
     static const char* const kVerdicts[] = {"clean", "findings", "nothing-checked"};
     const Verdict v = verdict(checker);
-    fprintf(out, "{\"verdict\": \"%s\", ", kVerdicts[static_cast<int>(v)]);
+    fputc('{', out);
+    if (options.log != nullptr) {
+        fputs("\"log\": ", out);
+        jsonString(out, options.log);
+        fputs(", ", out);
+    }
+    fprintf(out, "\"verdict\": \"%s\", ", kVerdicts[static_cast<int>(v)]);
     if (v == Verdict::NothingChecked) {
         fputs("\"reason\": ", out);
         jsonString(out, nothingReason(input));
@@ -439,13 +473,7 @@ void printJson(FILE* out, const Checker& checker, const InputStats& input,
         fputc('}', out);
     }
     fprintf(out, "], \"not_checked\": [");
-    std::vector<std::string> missing = notChecked(checker);
-    for (const Caveat& caveat : checker.caveats()) {
-        missing.push_back(caveat.text);
-    }
-    if (v == Verdict::NothingChecked) {
-        missing.push_back("every check: " + nothingReason(input));
-    }
+    const std::vector<std::string> missing = notCheckedReasons(checker, input);
     for (const std::string& reason : missing) {
         fputs(&reason == &missing[0] ? "" : ", ", out);
         jsonString(out, reason);

@@ -182,7 +182,17 @@ TEST(LogcheckModelTest, TotalsAreTheSimulationsAndFindingsWhatTheSessionBroke) {
         std::sort(found.begin(), found.end());
         found.erase(std::unique(found.begin(), found.end()), found.end());
         std::sort(certain.begin(), certain.end());
+        // What the timeline ends on is what the ledger ends on, in bounded points.
         bool ok = true;
+        for (size_t p = 0; p < got.timelines.size(); ++p) {
+            const auto& points = got.timelines[p].points();
+            const logcheck::Totals& end = got.endings[p];
+            ok = ok && !points.empty() && points.size() <= logcheck::Timeline::kMost &&
+                 points.back().last[logcheck::Timeline::Records] == end.records.alive() &&
+                 points.back().last[logcheck::Timeline::ChiMetas] == end.chiMetas.alive() &&
+                 points.back().last[logcheck::Timeline::DebugData] == end.debugData.alive();
+        }
+        EXPECT_TRUE(ok) << "timeline: " << describe(run);
         if (run.damage == Damage::None) {
             // Every finding the rule brings, and nothing else.
             ok = found == expected(run.truth) && (!tids || certain == expected(run.truth));

@@ -23,7 +23,9 @@ using ::testing::IsEmpty;
 using testsupport::check;
 using testsupport::Checked;
 using testsupport::counts;
+using testsupport::From;
 using testsupport::hex;
+using testsupport::program;
 
 namespace {
 
@@ -494,28 +496,6 @@ TEST_F(LogcheckTest, ALineLongerThanAnyBufferIsOneLine) {
     EXPECT_EQ(got.stats.skipped, 1u);
 }
 
-// The program as scripts run it: its exit status and its output. The log is
-// a file named last, or standard input.
-enum class From { File, Stdin };
-std::pair<int, std::string> program(const std::string& arguments, const std::string& input = "",
-                                    From from = From::File) {
-    char path[] = "/tmp/logcheck-XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_EQ(write(fd, input.data(), input.size()), static_cast<ssize_t>(input.size()));
-    close(fd);
-    const std::string command = std::string(LOGCHECK_RUNNER " " LOGCHECK_PROGRAM " ") + arguments +
-                                (from == From::File ? " " : " < ") + path + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string output;
-    char chunk[4096];
-    for (size_t n; (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) {
-        output.append(chunk, n);
-    }
-    const int status = WEXITSTATUS(pclose(pipe));
-    unlink(path);
-    return {status, output};
-}
-
 std::string firstLine(const std::string& text) {
     return text.substr(0, text.find('\n'));
 }
@@ -552,7 +532,7 @@ TEST_F(LogcheckTest, TheVerdictComesFirstWithAnExitStatusOfItsOwn) {
     EXPECT_EQ(program("-v nonsense").first, 2);
     EXPECT_EQ(firstLine(program("-v nonsense").second),
               "postproc-logcheck: unknown format: nonsense");
-    EXPECT_EQ(firstLine(program("/nonexistent/log").second),
+    EXPECT_EQ(firstLine(program("/nonexistent/log", "", From::None).second),
               "postproc-logcheck: /nonexistent/log: No such file or directory");
 }
 

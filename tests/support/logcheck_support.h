@@ -3,13 +3,17 @@
 // out: findings as the tests name them, totals, and the input's counts.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <logcheck.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace testsupport {
@@ -42,6 +46,8 @@ struct Checked {
     logcheck::Seen seen;
     logcheck::Verdict verdict = logcheck::Verdict::Clean;
     std::vector<logcheck::Caveat> caveats;
+    std::vector<logcheck::Timeline> timelines;  // with their process's alive at the end
+    std::vector<logcheck::Totals> endings;
 };
 
 inline Checked check(const std::string& log, logcheck::Format format = logcheck::Format::Auto) {
@@ -69,6 +75,8 @@ inline Checked check(const std::string& log, logcheck::Format format = logcheck:
     for (const logcheck::Process& process : checker.processes()) {
         ++checked.processes;
         checked.totals += process.totals;
+        checked.timelines.push_back(process.timeline);
+        checked.endings.push_back(process.totals);
         for (const logcheck::Finding& f : process.findings) {
             checked.findings.push_back({logcheck::kindName(f.kind), f.object,
                                         f.rule != nullptr ? f.rule : "-", f.certain, f.processEnded,
@@ -79,6 +87,35 @@ inline Checked check(const std::string& log, logcheck::Format format = logcheck:
     std::sort(checked.texts.begin(), checked.texts.end());
     return checked;
 }
+
+#ifdef LOGCHECK_PROGRAM
+// The program as scripts run it (LOGCHECK_PROGRAM, under LOGCHECK_RUNNER):
+// its exit status and its output, standard error included. The log is a
+// file named last, standard input, or none (the logs are in the arguments).
+enum class From { File, Stdin, None };
+inline std::pair<int, std::string> program(const std::string& arguments,
+                                           const std::string& input = "", From from = From::File) {
+    char path[] = "/tmp/logcheck-XXXXXX";
+    const int fd = mkstemp(path);
+    EXPECT_EQ(write(fd, input.data(), input.size()), static_cast<ssize_t>(input.size()));
+    close(fd);
+    const std::string command = std::string(LOGCHECK_RUNNER " " LOGCHECK_PROGRAM " ") + arguments +
+                                (from == From::File    ? std::string(" ") + path
+                                 : from == From::Stdin ? std::string(" < ") + path
+                                                       : std::string()) +
+                                " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    std::string output;
+    char chunk[4096];
+    for (size_t n; (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) {
+        output.append(chunk, n);
+    }
+    const int status = WEXITSTATUS(pclose(pipe));
+    unlink(path);
+    return {status, output};
+}
+
+#endif
 
 inline std::string counts(const logcheck::Count& count) {
     return std::to_string(count.created) + " " + std::to_string(count.before) + " " +
