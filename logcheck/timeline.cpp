@@ -53,6 +53,25 @@ int64_t daysFromCivil(int64_t y, int64_t m, int64_t d) {
 }  // namespace
 
 double stampSeconds(std::string_view s) {
+    // logcat's own "MM-DD hh:mm:ss.fff": most lines, read in place.
+    if (s.size() == 18 && s[2] == '-' && s[5] == ' ' && s[8] == ':' && s[11] == ':' &&
+        s[14] == '.') {
+        static constexpr int kBefore[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+        int d[13];
+        static constexpr int kAt[] = {0, 1, 3, 4, 6, 7, 9, 10, 12, 13, 15, 16, 17};
+        unsigned bad = 0;
+        for (int i = 0; i < 13; ++i) {
+            d[i] = s[kAt[i]] - '0';
+            bad |= static_cast<unsigned>(d[i]) > 9 ? 1u : 0u;
+        }
+        const int month = d[0] * 10 + d[1];
+        const int day = d[2] * 10 + d[3];
+        if (bad == 0 && month >= 1 && month <= 12 && day >= 1 && day <= 31) {
+            return static_cast<double>(kBefore[month - 1] + day - 1) * kDay +
+                   (d[4] * 10 + d[5]) * 3600 + (d[6] * 10 + d[7]) * 60 + d[8] * 10 + d[9] +
+                   (d[10] * 100 + d[11] * 10 + d[12]) / 1000.0;
+        }
+    }
     size_t at = s.find_first_not_of(' ');
     int64_t fields[3];
     int count = 0;
