@@ -15,7 +15,7 @@ namespace logcheck {
 
 namespace {
 
-constexpr const char* kFamilies[Timeline::kFamilies] = {"records", "chi-metas", "debug-data"};
+constexpr const char* kFamilyClasses[Timeline::kFamilies] = {"records", "chi-metas", "debug-data"};
 constexpr const char* kFamilyTitles[Timeline::kFamilies] = {
         "live records", "live CHI metadata objects", "held debug buffer references"};
 
@@ -183,7 +183,7 @@ void chart(FILE* out, const Process& p) {
     for (int f = 0; f < Timeline::kFamilies; ++f) {
         fprintf(out,
                 "<g class=\"family %s\" data-family=\"%s\"><title>%s</title>\n<polygon points=\"",
-                kFamilies[f], kFamilies[f], kFamilyTitles[f]);
+                kFamilyClasses[f], kFamilyClasses[f], kFamilyTitles[f]);
         for (const Column& c : columns) {
             fprintf(out, "%.1f,%.1f ", c.x, y(c.high[f]));
         }
@@ -367,8 +367,8 @@ void printHtml(FILE* out, const Checker& checker, const InputStats& input,
     if (!drawn.empty()) {
         fputs("<p class=\"legend\">", out);
         for (int f = 0; f < Timeline::kFamilies; ++f) {
-            fprintf(out, "<span data-family=\"%s\"><i class=\"%s\"></i>%s</span>", kFamilies[f],
-                    kFamilies[f], kFamilyTitles[f]);
+            fprintf(out, "<span data-family=\"%s\"><i class=\"%s\"></i>%s</span>",
+                    kFamilyClasses[f], kFamilyClasses[f], kFamilyTitles[f]);
         }
         fputs("<span>&#9660; a finding where its evidence begins (hollow: uncertain)</span></p>\n",
               out);
