@@ -277,6 +277,15 @@ TEST(ReportTest, APageOfTwentyThousandLeaksStaysSmall) {
     unlink(page.c_str());
     EXPECT_LT(status.st_size, 512 * 1024);
     EXPECT_THAT(html, HasSubstr("and 19980 more (--json has every one)"));
+    EXPECT_EQ(count(html, "<tr class=\"finding\""), 20u);
+    // Each listed with the text of its evidence line.
+    EXPECT_THAT(html, HasSubstr("       1  11-14 22:00:00.000  1234  1300 D KyCamAdapter: "
+                                "KYA_RECORD QcomPostProcInfo.cpp:1 QcomPostProcInfo()Construct "
+                                "QcomPostProcInfo 0x7f00001000, after sum 1\n"));
+    // A mark stands for the findings of its column, named by the first.
+    EXPECT_TRUE(std::regex_search(
+            html, std::regex("<title>[0-9]+ record-leak, the first 0x7f00001000 at line 1: never "
+                             "destroyed")));
     EXPECT_THAT(html, HasSubstr("first record-lifetime: record-leak 0x7f00001000, line 1</text>"));
 }
 
@@ -341,13 +350,14 @@ TEST_F(FleetTest, OneLinePerLogThenTheSummaryByRuleAndTheWorstStatus) {
             EXPECT_EQ(line.substr(0, log.size() + 2), log + ": ") << output;
         }
     }
-    const auto [status, output] = run(leak + " " + ok + " " + none + " " + missing + " " + leak);
+    const auto [status, output] =
+            run(leak + " " + ok + " " + none + " " + missing + " " + leak + " " + missing + "2");
     const size_t leaks = leaky().truth.findings.size();
     EXPECT_THAT(output, HasSubstr(ok + ": clean: "));
     EXPECT_THAT(output, HasSubstr(none + ": nothing checked: no KyCamAdapter line in 1 lines\n"));
     EXPECT_THAT(output, HasSubstr(missing + ": unreadable: No such file or directory\n"));
-    EXPECT_THAT(output, HasSubstr("\npostproc-logcheck: 5 logs: 2 with findings, 1 clean, 1 "
-                                  "nothing checked, 1 unreadable\n"));
+    EXPECT_THAT(output, HasSubstr("\npostproc-logcheck: 6 logs: 2 with findings, 1 clean, 1 "
+                                  "nothing checked, 2 unreadable\n"));
     std::smatch first;
     const std::string alone = run(leak).second;
     ASSERT_TRUE(std::regex_search(alone, first,
