@@ -130,6 +130,7 @@ void chart(FILE* out, const Process& p) {
     const Timeline& timeline = p.timeline;
     // Points into pixel columns: the least and most of each family.
     struct Column {
+        int index;
         double x;
         uint64_t low[Timeline::kFamilies];
         uint64_t high[Timeline::kFamilies];
@@ -138,12 +139,10 @@ void chart(FILE* out, const Process& p) {
     uint64_t top = 1;
     for (const Timeline::Point& point : timeline.points()) {
         const double x = axis.x(axis.timed ? point.time : double(point.line));
-        const int column = int((x - kLeft) / (kWidth - kLeft - kRight) * kColumns);
-        if (columns.empty() ||
-            int((columns.back().x - kLeft) / (kWidth - kLeft - kRight) * kColumns) != column) {
-            columns.push_back({x, {}, {}});
+        const int index = int((x - kLeft) / (kWidth - kLeft - kRight) * kColumns);
+        if (columns.empty() || columns.back().index != index) {
+            columns.push_back({index, x, {}, {}});
             std::copy(point.low, point.low + Timeline::kFamilies, columns.back().low);
-            std::copy(point.high, point.high + Timeline::kFamilies, columns.back().high);
         }
         for (int f = 0; f < Timeline::kFamilies; ++f) {
             columns.back().low[f] = std::min(columns.back().low[f], point.low[f]);
